@@ -1,0 +1,5 @@
+# Cross build for 32-bit Windows: many hosts are 32-bit, so this build must compile and link.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86)
+set(MINGW_TRIPLE i686-w64-mingw32)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
