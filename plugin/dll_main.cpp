@@ -1,0 +1,23 @@
+// The module's entry point runs the thread slot of the per-thread error texts.
+
+#include <windows.h>
+
+#include "plugin/error_text.h"
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID)
+{
+    switch (reason) {
+    case DLL_PROCESS_ATTACH:
+        MetaObj::ErrorTextProcessAttach();
+        break;
+    case DLL_THREAD_DETACH:
+        MetaObj::ErrorTextThreadDetach();
+        break;
+    case DLL_PROCESS_DETACH:
+        MetaObj::ErrorTextProcessDetach();
+        break;
+    default:
+        break;
+    }
+    return TRUE;
+}
