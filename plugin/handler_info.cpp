@@ -10,6 +10,37 @@ constexpr int kPathChars = 260;
 
 }  // namespace
 
+namespace MetaObj {
+
+CMetaObjectHandlerInfo::~CMetaObjectHandlerInfo() = default;
+
+const char* CMetaObjectHandlerInfo::GetHandlerName()
+{
+    return name.GetNarrow();
+}
+
+const char* CMetaObjectHandlerInfo::GetHandlerTypeName()
+{
+    return typeName.GetNarrow();
+}
+
+const char* CMetaObjectHandlerInfo::GetHandlerDescription()
+{
+    return description.GetNarrow();
+}
+
+const char* CMetaObjectHandlerInfo::GetModulePath()
+{
+    return modulePath.GetNarrow();
+}
+
+const char* CMetaObjectHandlerInfo::GetModuleDirectory()
+{
+    return moduleDirectory.GetNarrow();
+}
+
+}  // namespace MetaObj
+
 CCOMHandlerInfo::~CCOMHandlerInfo()
 {
     if (smallIcon != nullptr)

@@ -13,13 +13,14 @@ public:
     CMetaObjectHandlerInfo(const CMetaObjectHandlerInfo&) = delete;
     CMetaObjectHandlerInfo& operator=(const CMetaObjectHandlerInfo&) = delete;
 
-    virtual ~CMetaObjectHandlerInfo() = default;
+    virtual ~CMetaObjectHandlerInfo();
     // Narrow texts owned by the record; null for a text that was never filled.
-    virtual const char* GetHandlerName() { return name.GetNarrow(); }
-    virtual const char* GetHandlerTypeName() { return typeName.GetNarrow(); }
-    virtual const char* GetHandlerDescription() { return description.GetNarrow(); }
-    virtual const char* GetModulePath() { return modulePath.GetNarrow(); }
-    virtual const char* GetModuleDirectory() { return moduleDirectory.GetNarrow(); }
+    // Defined in the module only: the host reaches them through the table.
+    virtual const char* GetHandlerName();
+    virtual const char* GetHandlerTypeName();
+    virtual const char* GetHandlerDescription();
+    virtual const char* GetModulePath();
+    virtual const char* GetModuleDirectory();
 
     CMetaString name;
     CMetaString typeName;
