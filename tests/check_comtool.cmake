@@ -1,0 +1,58 @@
+cmake_minimum_required(VERSION 3.20)
+# comtool through its Linux wrapper, as a user runs it.
+
+function(run_tool expected_exit)
+  execute_process(COMMAND ${COMTOOL} ${ARGN} OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
+  if(NOT code EQUAL expected_exit)
+    message(FATAL_ERROR "comtool ${ARGN}: exit ${code}, expected ${expected_exit}\nstdout: ${out}\nstderr: ${err}")
+  endif()
+  set(out "${out}" PARENT_SCOPE)
+  set(err "${err}" PARENT_SCOPE)
+endfunction()
+
+function(expect_json document expected)
+  string(JSON value GET "${out}" ${document})
+  if(NOT value STREQUAL "${expected}")
+    message(FATAL_ERROR "JSON ${document}: '${value}', expected '${expected}'\n${out}")
+  endif()
+endfunction()
+
+# No arguments: the module's info and an example identity, as text.
+run_tool(0)
+foreach(line "name:              COM/DCOM Object Handler" "version:           0x00020000"
+             "object name:       Scripting.Dictionary" "attribute:         Host = alpha")
+  string(FIND "${out}" "${line}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "default run lacks '${line}':\n${out}")
+  endif()
+endforeach()
+
+run_tool(0 --json info)
+expect_json("typeName" "COM")
+expect_json("versionNumber" "131072")
+expect_json("description" "Meta object native object handler plugin for COM/DCOM.")
+
+run_tool(0 --json identity "COM://x? a = 1 ?flag?a=b=c")
+expect_json("scheme" "COM")
+expect_json("objectName" "x")
+expect_json("baseText" "COM://x")
+expect_json("attributes;1;value" "b=c")
+expect_json("complete" "ON")
+expect_json("classIdName" "OFF")
+
+run_tool(0 --json identity "COM://EE09B103-97E0-11CF-978F-00A02463E06F")
+expect_json("classIdName" "ON")
+
+run_tool(0 --json identity "no delimiter")
+expect_json("complete" "OFF")
+expect_json("scheme" "")
+
+# Bad arguments: one line on stderr, exit 2. A module that can't load: exit 1.
+foreach(args "--bogus" "identity" "frobnicate" "info;extra")
+  run_tool(2 ${args})
+  string(STRIP "${err}" line)
+  if(line STREQUAL "" OR line MATCHES "\n")
+    message(FATAL_ERROR "comtool ${args}: expected one line on stderr, got '${err}'")
+  endif()
+endforeach()
+run_tool(1 --module Z:\\nowhere\\missing.dll info)

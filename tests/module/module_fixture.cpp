@@ -1,0 +1,42 @@
+#include "tests/module/module_fixture.h"
+
+namespace {
+
+DWORD WINAPI ThreadBody(void* argument)
+{
+    (*static_cast<const std::function<void()>*>(argument))();
+    return 0;
+}
+
+}  // namespace
+
+void RunOnThread(const std::function<void()>& body)
+{
+    HANDLE thread = CreateThread(nullptr, 0, ThreadBody, const_cast<std::function<void()>*>(&body), 0, nullptr);
+    ASSERT_NE(thread, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+}
+
+std::string ProgramDirectory()
+{
+    char path[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string directory(path);
+    return directory.substr(0, directory.find_last_of("\\/") + 1);
+}
+
+ULONG RefCount(IUnknown* object)
+{
+    object->AddRef();
+    return object->Release();
+}
+
+void ModuleTest::RunInitialised(const std::function<void()>& body)
+{
+    RunOnThread([&] {
+        ASSERT_TRUE(module->InitHandler(module->Handle()));
+        body();
+        EXPECT_TRUE(module->CleanUpHandler());
+    });
+}

@@ -1,0 +1,23 @@
+// The module's code linked straight into a program: this sets up what the
+// module's entry points would, with the program standing in for the module.
+
+#include <gtest/gtest.h>
+
+#include <objbase.h>
+
+#include "plugin/error_text.h"
+#include "plugin/module_state.h"
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    if (CoInitializeEx(nullptr, COINIT_MULTITHREADED) != S_OK)
+        return 1;
+    MetaObj::ErrorTextProcessAttach();
+    // The string table is linked into this program.
+    HandlerInfo().LoadFromModule(GetModuleHandleA(nullptr));
+    const int result = RUN_ALL_TESTS();
+    MetaObj::ErrorTextProcessDetach();
+    CoUninitialize();
+    return result;
+}
