@@ -176,17 +176,20 @@ TEST(HandlerTest, UsesFromManyThreadsBalance)
     constexpr int kThreads = 4;
     constexpr int kRounds = 2000;
     CMetaObjectCOMHandler handler;
-    auto work = [](void* argument) -> DWORD {
-        auto* shared = static_cast<CMetaObjectCOMHandler*>(argument);
-        for (int i = 0; i < kRounds; ++i)
-            shared->AddUse();
-        for (int i = 0; i < kRounds; ++i)
-            shared->Release();
-        return 0;
+    struct Work {
+        static DWORD WINAPI Body(void* argument)
+        {
+            auto* shared = static_cast<CMetaObjectCOMHandler*>(argument);
+            for (int i = 0; i < kRounds; ++i)
+                shared->AddUse();
+            for (int i = 0; i < kRounds; ++i)
+                shared->Release();
+            return 0;
+        }
     };
     HANDLE threads[kThreads];
     for (HANDLE& thread : threads)
-        thread = CreateThread(nullptr, 0, work, &handler, 0, nullptr);
+        thread = CreateThread(nullptr, 0, Work::Body, &handler, 0, nullptr);
     WaitForMultipleObjects(kThreads, threads, TRUE, INFINITE);
     for (HANDLE thread : threads)
         CloseHandle(thread);
@@ -250,22 +253,24 @@ TEST(HandlerTest, ErrorTextsBelongToTheirThread)
         HANDLE ready;  // set once this thread's text stands
         HANDLE go;     // both texts stand: read them back
         std::wstring readBack;
-    };
-    auto body = [](void* argument) -> DWORD {
-        auto* work = static_cast<Work*>(argument);
-        SetErrorText(work->handler, work->text);
-        SetEvent(work->ready);
-        WaitForSingleObject(work->go, INFINITE);
-        const wchar_t* text = work->handler->GetErrorText().GetWide();
-        work->readBack = text != nullptr ? text : L"";
-        return 0;
+
+        static DWORD WINAPI Body(void* argument)
+        {
+            auto* work = static_cast<Work*>(argument);
+            SetErrorText(work->handler, work->text);
+            SetEvent(work->ready);
+            WaitForSingleObject(work->go, INFINITE);
+            const wchar_t* text = work->handler->GetErrorText().GetWide();
+            work->readBack = text != nullptr ? text : L"";
+            return 0;
+        }
     };
     HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     Work works[] = {{&handler, "first thread", CreateEventA(nullptr, TRUE, FALSE, nullptr), go, {}},
                     {&handler, "second thread", CreateEventA(nullptr, TRUE, FALSE, nullptr), go, {}}};
     HANDLE threads[2];
     for (int i = 0; i < 2; ++i)
-        threads[i] = CreateThread(nullptr, 0, body, &works[i], 0, nullptr);
+        threads[i] = CreateThread(nullptr, 0, Work::Body, &works[i], 0, nullptr);
     HANDLE ready[] = {works[0].ready, works[1].ready};
     WaitForMultipleObjects(2, ready, TRUE, INFINITE);
     SetEvent(go);
