@@ -1,0 +1,50 @@
+#!/bin/sh
+# Installs what is missing, builds the module for x86_64 (tested) and i686
+# (compiled and linked only), and then:
+#   ./build.sh run [comtool arguments]   runs the tool (no arguments: info and an example identity)
+#   ./build.sh test                      runs the whole test suite under Wine
+#   ./build.sh build                     stops after building
+set -eu
+cd "$(dirname "$0")"
+
+PACKAGES="cmake ninja-build g++-mingw-w64-x86-64 g++-mingw-w64-i686 mingw-w64-tools \
+wine wine64 libwine-dev googletest libcli11-dev nlohmann-json3-dev"
+
+install_missing() {
+    missing=""
+    for package in $PACKAGES; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+            missing="$missing $package"
+        fi
+    done
+    [ -z "$missing" ] && return 0
+    echo "Installing:$missing"
+    sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -q
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends $missing
+}
+
+configure_and_build() {
+    dir=$1 arch=$2
+    shift 2
+    if [ ! -f "$dir/build.ninja" ]; then
+        cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch-w64-mingw32.cmake" "$@"
+    fi
+    cmake --build "$dir"
+}
+
+command=${1:-run}
+[ $# -gt 0 ] && shift
+
+install_missing
+configure_and_build build x86_64
+# Hosts are often 32-bit: that build must keep compiling, tests included.
+configure_and_build build-i686 i686
+
+case "$command" in
+    run) exec build/comtool "$@" ;;
+    test) cd build && exec ctest --output-on-failure -j2 ;;
+    build) ;;
+    *) echo "usage: $0 [run [comtool arguments] | test | build]" >&2; exit 2 ;;
+esac
