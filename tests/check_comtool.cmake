@@ -43,7 +43,7 @@ expect_json("classIdName" "OFF")
 run_tool(0 --json identity "COM://EE09B103-97E0-11CF-978F-00A02463E06F")
 expect_json("classIdName" "ON")
 
-run_tool(0 --json identity "no delimiter")
+run_tool(0 identity "no delimiter" --json)
 expect_json("complete" "OFF")
 expect_json("scheme" "")
 

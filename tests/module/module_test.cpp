@@ -164,6 +164,8 @@ TEST_F(ModuleTest, ClosingReleasesOneReferenceOfAPlatformObject)
         EXPECT_EQ(RefCount(dictionary), before + 1);
         EXPECT_EQ(handler->Release(), MetaStatusClosed);
         EXPECT_EQ(RefCount(dictionary), before);
+        EXPECT_EQ(handler->CloseObject(), MetaStatusClosed);  // nothing more to release
+        EXPECT_EQ(RefCount(dictionary), before);
         EXPECT_FALSE(handler->IsOpen());
         EXPECT_TRUE(handler->GetErrorText().IsEmpty());
         module->FreeHandlerObject(handler);

@@ -66,14 +66,6 @@ TEST(HandlerLayoutTest, VirtualOperationsKeepTheHostsOrder)
     EXPECT_EQ(expected, 49);  // 46 operations of the base, two of them the destructor's, and two more
 }
 
-TEST(HandlerLayoutTest, OverridesStayInTheirBaseSlots)
-{
-    // An override that picked up a different signature would start a new slot behind the table.
-    EXPECT_EQ(SlotOf(&CMetaObjectCOMHandler::OpenObject), SlotOf(&CMetaObjectHandler::OpenObject));
-    EXPECT_EQ(SlotOf(&CMetaObjectCOMHandler::GetHandlerInfo), SlotOf(&CMetaObjectHandler::GetHandlerInfo));
-    EXPECT_EQ(SlotOf(&CMetaObjectCOMHandler::GetErrorText), SlotOf(&CMetaObjectHandler::GetErrorText));
-}
-
 template <typename Object, typename Field>
 std::ptrdiff_t OffsetIn(const Object& object, const Field& field)
 {

@@ -7,7 +7,6 @@
 #include "plugin/com_handler.h"
 #include "plugin/error_text.h"
 #include "plugin/handler_info.h"
-#include "plugin/module_state.h"
 #include "tests/support/counting_dispatch.h"
 
 using MetaObj::MetaStatus;
@@ -72,29 +71,6 @@ TEST(HandlerTest, LastReleaseWithoutObjectClearsTheIdentity)
     EXPECT_EQ(handler.Release(), MetaStatusClosed);
     EXPECT_EQ(handler.identity.GetText(), "");
     EXPECT_FALSE(handler.IsOpen());
-}
-
-TEST(HandlerTest, CloseReleasesExactlyTheReferenceItWasGiven)
-{
-    CCountingDispatch object;
-    CMetaObjectCOMHandler handler;
-    object.AddRef();  // the reference handed over
-    ASSERT_EQ(handler.AttachObject(&object, "COM://Counting.Object"), MetaStatusOk);
-    EXPECT_EQ(object.References(), 2);
-    EXPECT_TRUE(handler.IsOpen());
-    EXPECT_EQ(handler.GetObjectPointer(), &object);
-    EXPECT_EQ(handler.GetDispatchPointer(), &object);
-    EXPECT_EQ(object.References(), 2);  // handing out the pointer adds nothing
-    EXPECT_EQ(handler.identity.GetObjectName(), "Counting.Object");
-
-    EXPECT_EQ(handler.Release(), MetaStatusClosed);
-    EXPECT_EQ(object.References(), 1);
-    EXPECT_EQ(handler.GetObjectPointer(), nullptr);
-    EXPECT_EQ(handler.identity.GetText(), "");
-
-    // Closing again finds nothing to release.
-    EXPECT_EQ(handler.CloseObject(), MetaStatusClosed);
-    EXPECT_EQ(object.References(), 1);
 }
 
 TEST(HandlerTest, AttachAndDetachRules)
@@ -213,37 +189,6 @@ TEST(HandlerTest, FreeOperationsIgnoreNullAndFreeLists)
     handler.FreeMethodNameList(new CMethodNameList{CMetaString(L"Get:Count"), CMetaString(L"Invoke:Add")});
 }
 
-TEST(HandlerTest, OperationsOfLaterWorkAnswerTheirFailureStatus)
-{
-    CMetaObjectCOMHandler handler;
-    CMetaString key(L"Invoke:Add");
-    CMetaString text;
-    MethodKind kind{};
-    auto* const marker = reinterpret_cast<CCOMMethodInvoke*>(0xdeadbeef);
-    CCOMMethodInvoke* invoke = marker;
-    CMethodNameList* names = nullptr;
-    CItemList items;
-    IEnumVARIANT* enumerator = nullptr;
-    std::uint32_t count = 7;
-
-    EXPECT_EQ(handler.CreateMethodInvoke(&invoke, key), MetaStatusNoMemory);
-    EXPECT_EQ(invoke, nullptr);
-    EXPECT_FALSE(handler.CanLoadObjectInfo("COM://Scripting.Dictionary"));
-    EXPECT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusNoTypeInfo);
-    EXPECT_EQ(handler.UnloadObjectInfo(), MetaStatusOk);
-    EXPECT_EQ(handler.GetMethodNames(&names), MetaStatusNoTypeInfo);
-    EXPECT_EQ(handler.GetMethodCount(), 0u);
-    EXPECT_EQ(handler.GetObjectInfo(nullptr, "COM://Scripting.Dictionary", false), MetaStatusNoClass);
-    EXPECT_EQ(handler.SplitMethodName(key, text, kind, false), MetaStatusOk);
-    EXPECT_EQ(handler.GetTypeSignature(CMetaString(L"Integer"), text, false), MetaStatusBadType);
-    EXPECT_EQ(handler.ExecuteInvoke(&invoke, nullptr, nullptr), MetaStatusInvokeFailed);
-    EXPECT_EQ(handler.SetInvokeParams(&invoke, items), MetaStatusInvokeFailed);
-    EXPECT_EQ(handler.OpenEnumerator(&enumerator), MetaStatusNoCollection);
-    EXPECT_EQ(handler.CountElements(&enumerator, &count), MetaStatusNoCollection);
-    EXPECT_EQ(handler.CloseEnumerator(&enumerator), MetaStatusNoCollection);
-    handler.FreeMethodInvoke(&invoke);
-}
-
 TEST(HandlerTest, ErrorTextsBelongToTheirThread)
 {
     CMetaObjectCOMHandler handler;
@@ -306,12 +251,6 @@ TEST(HandlerTest, ClearingLeavesOneEmptyEntry)
     EXPECT_EQ(map->count(key), 1u);
     // The reference is to the entry itself.
     EXPECT_EQ(&handler.GetErrorText(), &(*map)[key]);
-}
-
-TEST(HandlerTest, GetHandlerInfoIsTheModulesRecord)
-{
-    CMetaObjectCOMHandler handler;
-    EXPECT_EQ(handler.GetHandlerInfo(), &HandlerInfo());
 }
 
 TEST(MetaLockTest, DestroyIsTheOwnersAndHappensOnce)

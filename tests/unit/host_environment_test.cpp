@@ -82,27 +82,6 @@ TEST(HostEnvironmentTest, ValidOnlyWithContextAndWordsTwentyToTwentyFive)
     }
 }
 
-TEST(HostEnvironmentTest, WrappersCallThroughAValidTable)
-{
-    WatchedTable watched;
-    CObjectIdentity identity;
-    std::uint8_t mustLoad = 0;
-    EXPECT_TRUE(HostBeginObjectLoad(identity, mustLoad));
-    EXPECT_EQ(mustLoad, 1);
-    EXPECT_TRUE(HostEndObjectLoad(identity, true));
-    HostReleaseObjectLoad(identity);
-    EXPECT_EQ(HostGetMethodTable(identity), reinterpret_cast<CMetaObjectMethodTable*>(0x10));
-    CMetaObjectSecurityInfo info;
-    EXPECT_FALSE(HostCheckObjectAccess(info));
-    HostRegisterHandler(nullptr, nullptr);
-    EXPECT_EQ(g_calls.begin, 1);
-    EXPECT_EQ(g_calls.end, 1);
-    EXPECT_EQ(g_calls.release, 1);
-    EXPECT_EQ(g_calls.table, 1);
-    EXPECT_EQ(g_calls.access, 1);
-    EXPECT_EQ(g_calls.registered, 1);
-}
-
 TEST(HostEnvironmentTest, AnInvalidTableGivesNeutralAnswersAndCallsNothing)
 {
     WatchedTable watched;

@@ -182,14 +182,6 @@ TEST(MetaStringTest, MidCutsAndClampsToTheText)
     EXPECT_EQ(EmptyButNotNull().Mid(0, kRest).GetWide(), nullptr);
 }
 
-TEST(MetaStringTest, NarrowAndWideRoundTrip)
-{
-    CMetaString text("Scripting.Dictionary");
-    EXPECT_STREQ(text.GetWide(), L"Scripting.Dictionary");
-    EXPECT_STREQ(text.GetNarrow(), "Scripting.Dictionary");
-    EXPECT_EQ(text.GetLength(), 20u);
-}
-
 TEST(MetaStringTest, AnsiConversionsOwnTheirBuffers)
 {
     char* narrow = nullptr;
@@ -213,12 +205,6 @@ TEST(MetaStringTest, AnsiConversionsOwnTheirBuffers)
     ASSERT_NE(wide, nullptr);
     EXPECT_EQ(wide[0], L'\0');
     delete[] wide;
-}
-
-TEST(MetaStringTest, SharedEmptyInstanceHoldsNothing)
-{
-    EXPECT_TRUE(MetaObj::kEmptyMetaString.IsEmpty());
-    EXPECT_EQ(MetaObj::kEmptyMetaString.GetWide(), nullptr);
 }
 
 }  // namespace
