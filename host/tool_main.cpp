@@ -148,6 +148,8 @@ int main(int argc, char** argv)
     bool asJson = false;
     app.add_option("--module", modulePath, "path of the handler module")->capture_default_str();
     app.add_flag("--json", asJson, "print JSON instead of text");
+    // Options of the tool itself may also stand behind a subcommand.
+    app.fallthrough();
 
     CLI::App* info = app.add_subcommand("info", "name, type, description, version and path of the module");
     std::string identityText;
