@@ -8,23 +8,11 @@
 
 #include "plugin/com_handler.h"
 #include "plugin/handler_info.h"
+#include "tests/support/slot_of.h"
 
 using MetaObj::CMetaObjectHandler;
 
 namespace {
-
-// Itanium C++ ABI, which mingw uses: a pointer to a virtual member function holds
-// 1 plus the byte offset of its slot in the virtual table.
-template <typename MemberFunction>
-std::ptrdiff_t SlotOf(MemberFunction member)
-{
-    static_assert(sizeof(member) == 2 * sizeof(void*), "Itanium member function pointer");
-    std::uintptr_t words[2];
-    std::memcpy(words, &member, sizeof words);
-    if ((words[0] & 1u) == 0)
-        return -1;  // not virtual
-    return static_cast<std::ptrdiff_t>((words[0] - 1) / sizeof(void*));
-}
 
 struct SlotRow {
     const char* name;
@@ -64,12 +52,6 @@ TEST(HandlerLayoutTest, VirtualOperationsKeepTheHostsOrder)
         ++expected;
     }
     EXPECT_EQ(expected, 49);  // 46 operations of the base, two of them the destructor's, and two more
-}
-
-template <typename Object, typename Field>
-std::ptrdiff_t OffsetIn(const Object& object, const Field& field)
-{
-    return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&object);
 }
 
 TEST(HandlerLayoutTest, FieldsFollowTheVirtualTablePointerInOrder)
