@@ -80,12 +80,45 @@ void CMetaObjectCOMHandler::DetachObject()
     identity.Clear();
 }
 
-// Placeholders until the records and items of the model exist: nothing of ours
-// that these would free can have reached the host yet, so only null is expected.
-void CMetaObjectCOMHandler::FreeObjectInfo(CObjectInfo*) {}
-void CMetaObjectCOMHandler::FreeMethodInfo(CMethodInfo*) {}
-void CMetaObjectCOMHandler::FreeItem(CMetaObjectItem*) {}
-void CMetaObjectCOMHandler::FreeParamInfo(CParamInfo*) {}
+// The four record frees share one body, so any of them frees any record: the
+// deleting destructor is reached through the record's own table, where every
+// record and item keeps it first, after the complete destructor.
+namespace {
+#if defined(__i386__)
+#define RECORD_DESTRUCTOR_CALL __attribute__((thiscall))
+#else
+#define RECORD_DESTRUCTOR_CALL
+#endif
+using DeletingDestructor = void(RECORD_DESTRUCTOR_CALL*)(void* record);
+
+void DeleteRecord(void* record)
+{
+    if (record == nullptr)
+        return;
+    DeletingDestructor* table = *static_cast<DeletingDestructor**>(record);
+    table[1](record);
+}
+}  // namespace
+
+void CMetaObjectCOMHandler::FreeObjectInfo(CObjectInfo* record)
+{
+    DeleteRecord(record);
+}
+
+void CMetaObjectCOMHandler::FreeMethodInfo(CMethodInfo* record)
+{
+    DeleteRecord(record);
+}
+
+void CMetaObjectCOMHandler::FreeItem(CMetaObjectItem* item)
+{
+    DeleteRecord(item);
+}
+
+void CMetaObjectCOMHandler::FreeParamInfo(CParamInfo* record)
+{
+    DeleteRecord(record);
+}
 
 // The list and its nodes go; the elements are the caller's to free first.
 void CMetaObjectCOMHandler::FreeRecordList1(CItemList* list)

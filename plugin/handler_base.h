@@ -65,7 +65,6 @@ private:
 };
 
 using CMethodNameList = std::list<CMetaString>;
-using CItemList = std::list<CMetaObjectItem*>;
 
 class CMetaObjectHandler {
 public:
