@@ -1,0 +1,81 @@
+#pragma once
+// The base of every value item. Host and handler both call these operations by
+// position, so the order of the table below is a contract; every class of the
+// family keeps it and overrides only the destructor, Clear, Clone, GetValue and
+// SetValue.
+
+#include <cstdint>
+
+#include "metaobj/model_fwd.h"
+#include "metaobj/type_desc.h"
+#include "text/meta_string.h"
+#include "text/mox_data.h"
+
+namespace MetaObj {
+
+// A value read from a tag text that is longer than this makes the tag unusable.
+constexpr std::size_t kMaxVarParamText = 51;
+
+class CMetaObjectItem {
+public:
+    explicit CMetaObjectItem(const CTypeDesc& type);
+    CMetaObjectItem(const CMetaObjectItem& other);
+    CMetaObjectItem& operator=(const CMetaObjectItem&) = delete;
+
+    virtual ~CMetaObjectItem();
+    virtual void Clear();
+    // A deep copy that the caller owns.
+    virtual CMetaObjectItem* Clone() = 0;
+    virtual CTypeDesc& GetTypeDesc();
+    virtual const CTypeDesc& GetTypeDesc() const;
+    virtual bool IsType(std::uint32_t type);
+    virtual void GetValue(CMetaString& out) = 0;
+    virtual void SetValue(const CMetaString& text) = 0;
+    virtual void GetValueWide(CMetaString& out);
+    virtual void SetValueWide(const CMetaString& text);
+    virtual void GetValueNarrow(MoxText& out);
+    virtual void SetValueNarrow(const char* text);
+    virtual void SetName(const CMetaString& text);
+    virtual const CMetaString& GetName();
+    virtual void SetTagText(const CMetaString& text);
+    virtual const CMetaString& GetTagText();
+    virtual void SetDirection(std::int32_t value);
+    virtual std::int32_t GetDirection();
+    virtual bool HasTagText();
+    virtual bool IsVarParam();
+    virtual unsigned char GetHostFlagOne();
+    virtual void SetHostFlagOne(unsigned char value);
+    virtual void SetOptional(unsigned char value);
+    virtual unsigned char GetOptional();
+    virtual void SetOmitted(unsigned char value);
+    virtual unsigned char GetOmitted();
+    virtual unsigned char GetNewObject();
+    virtual void SetNewObject(unsigned char value);
+    virtual unsigned char GetHostFlagTwo();
+    virtual void SetHostFlagTwo(unsigned char value);
+    // Reads a variable tag. A name or scope beyond kMaxVarParamText characters
+    // gives false and writes neither output: a cut name would bind another variable.
+    virtual bool ParseVarParam(CMetaString& name, CMetaString& scope);
+    // Empty texts are written as empty quoted values.
+    virtual bool MakeVarParam(const CMetaString& name, const CMetaString& scope);
+
+    // Field order is shared with the host.
+    CMetaString name;
+    CMetaString tagText;  // a variable tag, "<@NULLOBJECT>", or any text the host put there
+    std::int32_t direction = 0;  // 0 in, 1 out, 2 in and out
+    unsigned char hostFlagOne = 0;
+    unsigned char optional = 0;
+    unsigned char newObject = 0;
+    unsigned char hostFlagTwo = 0;
+    unsigned char omitted = 0;
+    CTypeDesc typeDesc;
+    CMetaString valueFormat;  // wide printf format of GetValue, where the class has one
+};
+
+// First position of wanted in text without regard to case, or null; null for
+// either argument null.
+const char* FindNoCase(const char* text, const char* wanted);
+// Earliest character of text that is in set, or null.
+const char* FindFirstOf(const char* text, const char* set);
+
+}  // namespace MetaObj
