@@ -2,37 +2,10 @@
 
 namespace MetaObj {
 
-CEnumValueList::~CEnumValueList()
-{
-    DeleteEntries();
-}
-
 bool CEnumValueList::Add(const CMetaString& name, std::int32_t value)
 {
     push_back(new CEnumValue(name, value));
     return true;
-}
-
-CEnumValueList& CEnumValueList::Assign(const CEnumValueList& other)
-{
-    if (&other == this)
-        return *this;
-    DeleteEntries();
-    for (const CEnumValue* entry : other)
-        push_back(new CEnumValue(*entry));
-    return *this;
-}
-
-void CEnumValueList::DeleteEntries()
-{
-    for (CEnumValue* entry : *this)
-        delete entry;
-    clear();
-}
-
-CArrayBoundList::~CArrayBoundList()
-{
-    DeleteEntries();
 }
 
 bool CArrayBoundList::Add(std::int32_t lowerBound, std::int32_t elementCount)
@@ -53,23 +26,6 @@ bool CArrayBoundList::GetBound(std::uint32_t index, std::int32_t* lowerBound, st
         return true;
     }
     return false;
-}
-
-CArrayBoundList& CArrayBoundList::Assign(const CArrayBoundList& other)
-{
-    if (&other == this)
-        return *this;
-    DeleteEntries();
-    for (const CArrayBound* bound : other)
-        push_back(new CArrayBound(*bound));
-    return *this;
-}
-
-void CArrayBoundList::DeleteEntries()
-{
-    for (CArrayBound* bound : *this)
-        delete bound;
-    clear();
 }
 
 CStructBody::~CStructBody()

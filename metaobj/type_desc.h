@@ -35,17 +35,37 @@ public:
     std::int32_t value;
 };
 
-// The lists own their entries; readers walk them directly, as the host does.
-class CEnumValueList : public std::list<CEnumValue*> {
+// A list that owns its entries and copies them deeply; readers walk it
+// directly, as the host does.
+template <typename Entry>
+class COwningList : public std::list<Entry*> {
 public:
-    CEnumValueList() = default;
-    CEnumValueList(const CEnumValueList&) = delete;
-    CEnumValueList& operator=(const CEnumValueList&) = delete;
-    ~CEnumValueList();
+    COwningList() = default;
+    COwningList(const COwningList&) = delete;
+    COwningList& operator=(const COwningList&) = delete;
+    ~COwningList() { DeleteEntries(); }
 
+    void DeleteEntries()
+    {
+        for (Entry* entry : *this)
+            delete entry;
+        this->clear();
+    }
+
+    COwningList& Assign(const COwningList& other)
+    {
+        if (&other == this)
+            return *this;
+        DeleteEntries();
+        for (const Entry* entry : other)
+            this->push_back(new Entry(*entry));
+        return *this;
+    }
+};
+
+class CEnumValueList : public COwningList<CEnumValue> {
+public:
     bool Add(const CMetaString& name, std::int32_t value);
-    CEnumValueList& Assign(const CEnumValueList& other);
-    void DeleteEntries();
 };
 
 // A count of -1 with lower bound 0 is an array whose size the type leaves open.
@@ -55,18 +75,11 @@ public:
     std::int32_t elementCount;
 };
 
-class CArrayBoundList : public std::list<CArrayBound*> {
+class CArrayBoundList : public COwningList<CArrayBound> {
 public:
-    CArrayBoundList() = default;
-    CArrayBoundList(const CArrayBoundList&) = delete;
-    CArrayBoundList& operator=(const CArrayBoundList&) = delete;
-    ~CArrayBoundList();
-
     bool Add(std::int32_t lowerBound, std::int32_t elementCount);
     // Leaves the outputs alone when the list has no entry at that index.
     bool GetBound(std::uint32_t index, std::int32_t* lowerBound, std::int32_t* elementCount) const;
-    CArrayBoundList& Assign(const CArrayBoundList& other);
-    void DeleteEntries();
 };
 
 class CStructBody {

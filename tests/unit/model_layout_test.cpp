@@ -43,16 +43,6 @@ TEST(ModelLayoutTest, ItemOperationsKeepTheHostsOrder)
     EXPECT_EQ(expected, 33);  // 32 entries, the destructor counted once
 }
 
-// Each class overrides only these entries, so its table stays the base's.
-TEST(ModelLayoutTest, ItemClassesOverrideInTheirBasesSlots)
-{
-    EXPECT_EQ(SlotOf(&CMetaObjectArray::Clear), SlotOf(&CMetaObjectItem::Clear));
-    EXPECT_EQ(SlotOf(&CMetaObjectObject::Clone), SlotOf(&CMetaObjectItem::Clone));
-    EXPECT_EQ(SlotOf(&CMetaObjectDate::Clone), SlotOf(&CMetaObjectItem::Clone));
-    EXPECT_EQ(SlotOf(&CMetaObjectStruct::SetValue), SlotOf(&CMetaObjectItem::SetValue));
-    EXPECT_EQ(SlotOf(&CMetaObjectChar::GetValue), SlotOf(&CMetaObjectItem::GetValue));
-}
-
 TEST(ModelLayoutTest, ItemFieldsFollowTheTablePointerInOrder)
 {
     CMetaObjectInt item(0);

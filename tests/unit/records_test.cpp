@@ -40,20 +40,6 @@ CMethodEntry* MakeEntry()
     return entry;
 }
 
-TEST(RecordsTest, ObjectInfoResetsToItsBuiltState)
-{
-    CObjectInfo* info = MakeObjectInfo();
-    info->objectKind = 1;
-    info->isRegistered = 0;
-    info->Reset();
-    info->Reset();
-    EXPECT_EQ(info->objectKind, 2u);
-    EXPECT_EQ(info->isRegistered, 1);
-    EXPECT_TRUE(info->location.IsEmpty());
-    EXPECT_TRUE(info->properties.empty());
-    delete info;
-}
-
 TEST(RecordsTest, MethodEntryFindsParametersByIndexAndResetsToNew)
 {
     CMethodEntry* entry = MakeEntry();

@@ -53,29 +53,6 @@ void ExpectNestedType(const CTypeDesc& outer)
     EXPECT_EQ(count, 3);
 }
 
-TEST(TypeDescTest, CodeConstructorMakesTheContainersItsCodeNeeds)
-{
-    struct Row {
-        std::uint32_t type;
-        unsigned char isArray;
-        bool enumValues, structBody, bounds;
-    };
-    const Row rows[] = {
-        {MetaTypeVoid, 0, false, false, false},  {MetaTypeInt, 1, false, false, true},
-        {MetaTypeEnum, 0, true, false, false},   {MetaTypeEnum, 1, true, false, true},
-        {MetaTypeStruct, 0, false, true, false}, {MetaTypeObject, 0, false, false, false},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.type);
-        CTypeDesc type(row.type, 0, row.isArray);
-        EXPECT_EQ(type.enumValues != nullptr, row.enumValues);
-        EXPECT_EQ(type.structBody != nullptr, row.structBody);
-        EXPECT_EQ(type.bounds != nullptr, row.bounds);
-        EXPECT_EQ(type.GetDimensionCount(), 0);
-        EXPECT_TRUE(type.typeName.IsEmpty());
-    }
-}
-
 TEST(TypeDescTest, CopiesAreDeepAndOutliveTheirSource)
 {
     auto source = MakeNestedType();
