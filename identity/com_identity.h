@@ -52,6 +52,16 @@ public:
     // The readable name of the interface, or of this identity's class when iid is null.
     bool GetUserTypeName(MetaObj::CMetaString& out, const IID* iid) const;
 
+    // Type library location. A version word holds the major version in its high
+    // and the minor in its low 16 bits; 0 asks for none in particular.
+    bool GetTypeLibId(std::string& out, bool withBraces, bool mayLoad) const;
+    bool GetTypeLibGuid(GUID& out, const IID* iid) const;
+    MetaObj::RegKey OpenTypeLibKey(REGSAM access) const;
+    bool FindTypeLibFile(std::uint32_t version, std::string& name, std::string& path) const;
+    // Reads the library out of the server file named in the class key.
+    bool LoadServerTypeLib(std::uint32_t version, GUID& libraryId, MetaObj::CMetaString& path,
+                           MetaObj::CMetaString& name) const;
+
 private:
     bool IsServerOfKind(ServerKind wanted) const;
 };

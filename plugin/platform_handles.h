@@ -5,6 +5,7 @@
 
 #include <windows.h>
 #include <objbase.h>
+#include <oaidl.h>
 
 #include <utility>
 
@@ -51,8 +52,36 @@ struct CoTaskMemCloser {
     void operator()(void* memory) const { CoTaskMemFree(memory); }
 };
 
+struct BstrCloser {
+    void operator()(BSTR text) const { SysFreeString(text); }
+};
 using RegKey = UniqueResource<HKEY, RegKeyCloser, nullptr>;
 using CoTaskMemText = UniqueResource<LPOLESTR, CoTaskMemCloser, nullptr>;
+using Bstr = UniqueResource<BSTR, BstrCloser, nullptr>;
+
+// A description that must go back to the object that gave it: TYPEATTR to its
+// ITypeInfo, TLIBATTR to its ITypeLib. The owner must outlive this.
+template <typename Owner, typename Description, void (STDMETHODCALLTYPE Owner::*Give)(Description*)>
+class BorrowedDescription {
+public:
+    explicit BorrowedDescription(Owner* owner) : owner(owner) {}
+    BorrowedDescription(const BorrowedDescription&) = delete;
+    BorrowedDescription& operator=(const BorrowedDescription&) = delete;
+    ~BorrowedDescription()
+    {
+        if (description != nullptr)
+            (owner->*Give)(description);
+    }
+    Description** Put() { return &description; }
+    const Description* operator->() const { return description; }
+    explicit operator bool() const { return description != nullptr; }
+
+private:
+    Owner* owner;
+    Description* description = nullptr;
+};
+using TypeAttr = BorrowedDescription<ITypeInfo, TYPEATTR, &ITypeInfo::ReleaseTypeAttr>;
+using LibAttr = BorrowedDescription<ITypeLib, TLIBATTR, &ITypeLib::ReleaseTLibAttr>;
 
 // One counted reference. Adopting never adds a reference; copying does.
 template <typename T>
