@@ -1,5 +1,6 @@
 #include "plugin/com_handler.h"
 
+#include "discovery/type_names.h"
 #include "plugin/error_text.h"
 #include "plugin/module_state.h"
 #include "plugin/platform_handles.h"
@@ -187,21 +188,27 @@ MetaStatus CMetaObjectCOMHandler::GetObjectInfo(CObjectInfo**, const char*, bool
 }
 
 // Placeholders until method keys and type names are built.
-MetaStatus CMetaObjectCOMHandler::SplitMethodName(const CMetaString&, CMetaString&, MethodKind& kind, bool)
+MetaStatus CMetaObjectCOMHandler::SplitMethodName(const CMetaString& methodKey, CMetaString& name, MethodKind& kind,
+                                                  bool isBool)
 {
-    kind = MethodKindInvoke;
+    SplitMethodKey(methodKey, name, kind);
+    // The key becomes what people see: accessors get their prefix.
+    if (kind != MethodKindInvoke)
+        PrefixPropertyName(kind, isBool, name);
     return MetaStatusOk;
 }
 
-MetaStatus CMetaObjectCOMHandler::MakeMethodName(CMetaString&, const CMetaString&, MethodKind*, std::uint32_t,
-                                                 std::uint32_t)
+// The two last words are the host's and are not read.
+MetaStatus CMetaObjectCOMHandler::MakeMethodName(CMetaString& methodKey, const CMetaString& name, MethodKind* kind,
+                                                 std::uint32_t, std::uint32_t)
 {
+    MakeMethodKey(methodKey, name, kind ? *kind : MethodKindInvoke);
     return MetaStatusOk;
 }
 
-MetaStatus CMetaObjectCOMHandler::GetTypeSignature(const CMetaString&, CMetaString&, bool)
+MetaStatus CMetaObjectCOMHandler::GetTypeSignature(const CMetaString& typeWord, CMetaString& signature, bool byRef)
 {
-    return MetaStatusBadType;
+    return SignatureOfTypeWord(typeWord, signature, byRef) ? MetaStatusOk : MetaStatusBadType;
 }
 
 // Placeholders until method calls are built: no call object is ever made, so a

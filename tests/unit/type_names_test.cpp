@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "discovery/type_library.h"
+#include "discovery/type_names.h"
+#include "plugin/com_handler.h"
+
+using namespace MetaObj;
+
+namespace {
+
+std::wstring Text(const CMetaString& text)
+{
+    return text.IsEmpty() ? std::wstring() : std::wstring(text.GetWide());
+}
+
+TYPEDESC Plain(VARTYPE vt)
+{
+    TYPEDESC type = {};
+    type.vt = vt;
+    return type;
+}
+
+TYPEDESC Around(VARTYPE vt, TYPEDESC* inner)
+{
+    TYPEDESC type = {};
+    type.vt = vt;
+    type.lptdesc = inner;
+    return type;
+}
+
+TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
+{
+    struct Row {
+        const wchar_t* signature;
+        VARTYPE vt;
+    };
+    const Row rows[] = {
+        {L"VT_I4|VT_PTR", VT_I4 | VT_BYREF}, {L"VT_BYREF", VT_DISPATCH},     {L"VT_BSTR|VT_ARRAY", VT_BSTR | VT_BYREF},
+        {L"vt_i4", VT_VOID},                 {L"VT_REAL", VT_VOID},          {L"VT_XYZ|VT_PTR", VT_VOID},
+        {L"VT_RECORD", VT_RECORD},           {L"VT_USERDEFINED", VT_VOID},   {nullptr, VT_VOID},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.signature ? CMetaString(row.signature).GetNarrow() : "null");
+        EXPECT_EQ(VarTypeFromSignature(row.signature), row.vt);
+    }
+    TYPEDESC i4 = Plain(VT_I4);
+    TYPEDESC array = Around(VT_SAFEARRAY, &i4);
+    TYPEDESC pointer = Around(VT_PTR, &array);
+    EXPECT_EQ(Text(TypeSignatureText(&pointer)), L"VT_I4|VT_ARRAY|VT_PTR");
+    TYPEDESC odd = Plain(VT_CLSID);
+    EXPECT_EQ(Text(TypeSignatureText(&odd)), L"VT_BYREF");
+}
+
+TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
+{
+    CMetaObjectCOMHandler handler;
+    CMetaString signature(L"untouched");
+    EXPECT_EQ(handler.GetTypeSignature(L"int", signature, true), MetaStatusOk);
+    EXPECT_EQ(Text(signature), L"VT_I4|VT_BYREF");
+    EXPECT_EQ(handler.GetTypeSignature(L"Enumeration", signature, false), MetaStatusOk);
+    EXPECT_EQ(Text(signature), L"VT_USERDEFINED");
+    EXPECT_EQ(handler.GetTypeSignature(L"Real", signature, false), MetaStatusBadType);
+    EXPECT_EQ(Text(signature), L"VT_USERDEFINED");
+
+    struct Row {
+        const wchar_t* key;
+        MethodKind kind;
+        const wchar_t* name;  // "kept" when untouched
+    };
+    const Row rows[] = {
+        {L"get:Name", MethodKindGet, L"Name"},   {L"GET:Name", MethodKindGet, L"Name"},
+        {L"SetRef:Obj", MethodKindSetRef, L"Obj"}, {L"Set:", MethodKindSet, L""},
+        {L"Call:A:B", MethodKindInvoke, L"A:B"},  {L":Name", MethodKindInvoke, L"Name"},
+        {L"NoColon", MethodKindInvoke, L"kept"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(CMetaString(row.key).GetNarrow());
+        CMetaString name(L"kept");
+        MethodKind kind = MethodKindSet;
+        EXPECT_EQ(SplitMethodKey(row.key, name, kind), 1);
+        EXPECT_EQ(kind, row.kind);
+        EXPECT_EQ(Text(name), row.name);
+    }
+    CMetaString key;
+    MethodKind kind = MethodKindSetRef;
+    handler.MakeMethodName(key, L"Item", &kind, 0, 0);
+    EXPECT_EQ(Text(key), L"Setref:Item");
+    MakeMethodKey(key, L"Item", static_cast<MethodKind>(7));
+    EXPECT_EQ(Text(key), L"Invoke:Item");
+    CMetaString shown;
+    handler.SplitMethodName(L"Get:Visible", shown, kind, true);
+    EXPECT_EQ(Text(shown), L"isVisible");
+}
+
+TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
+{
+    struct Row {
+        MethodKind kind;
+        bool isBool;
+        const wchar_t* name;
+        const wchar_t* shown;
+    };
+    const Row rows[] = {
+        {MethodKindGet, false, L"Name", L"getName"},      {MethodKindGet, false, L"GetValue", L"GetValue"},
+        {MethodKindGet, false, L"Getter", L"Getter"},     {MethodKindGet, false, L"settings", L"getsettings"},
+        {MethodKindGet, true, L"Visible", L"isVisible"},  {MethodKindGet, true, L"IsOpen", L"IsOpen"},
+        {MethodKindGet, true, L"Issue", L"Issue"},        {MethodKindGet, true, L"GetFlag", L"GetFlag"},
+        {MethodKindSet, true, L"Name", L"setName"},       {MethodKindSet, false, L"SetName", L"SetName"},
+        {MethodKindSetRef, false, L"Name", L"Name"},      {MethodKindInvoke, false, L"Name", L"Name"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(CMetaString(row.name).GetNarrow());
+        CMetaString name(row.name);
+        PrefixPropertyName(row.kind, row.isBool, name);
+        EXPECT_EQ(Text(name), row.shown);
+    }
+    CMetaString param;
+    MakeParamName(L"", param, 3);
+    EXPECT_EQ(Text(param), L"param3");
+    MakeParamName(nullptr, param, 1);
+    EXPECT_EQ(Text(param), L"param1");
+    MakeParamName(L"Index", param, 2);
+    EXPECT_EQ(Text(param), L"Index");
+
+    struct FlagRow {
+        USHORT flags;
+        std::uint32_t direction;
+    };
+    const FlagRow flagRows[] = {
+        {PARAMFLAG_FIN | PARAMFLAG_FOUT, 2}, {PARAMFLAG_FRETVAL, 1}, {PARAMFLAG_FLCID, 0},
+        {PARAMFLAG_FOUT | PARAMFLAG_FLCID, 2}, {0, 0},
+    };
+    for (const FlagRow& row : flagRows) {
+        ELEMDESC element = {};
+        element.paramdesc.wParamFlags = row.flags;
+        EXPECT_EQ(GetParamDirection(&element), row.direction) << row.flags;
+    }
+    EXPECT_EQ(GetParamDirection(nullptr), 0u);
+}
+
+class TypeDescShapesTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        CTypeInfoList list;
+        ASSERT_EQ(CollectTypeInfos("Scripting.Dictionary", list, nullptr), 1u);
+        dictionary = list.front();
+    }
+    ComPtr<ITypeInfo> dictionary;
+};
+
+TEST_F(TypeDescShapesTest, PlainPointerAndArrayTypes)
+{
+    TYPEDESC i4 = Plain(VT_I4), bstr = Plain(VT_BSTR), dispatch = Plain(VT_DISPATCH), voidType = Plain(VT_VOID);
+    TYPEDESC pointerToI4 = Around(VT_PTR, &i4), pointerToVoid = Around(VT_PTR, &voidType);
+    TYPEDESC pointerToPointer = Around(VT_PTR, &pointerToI4);
+    TYPEDESC arrayOfText = Around(VT_SAFEARRAY, &bstr), arrayOfObjects = Around(VT_SAFEARRAY, &dispatch);
+    ARRAYDESC grid = {};
+    grid.tdescElem = i4;
+    grid.cDims = 1;
+    grid.rgbounds[0] = {2, 0};
+    TYPEDESC carray = Plain(VT_CARRAY);
+    carray.lpadesc = &grid;
+
+    struct Row {
+        const char* label;
+        const TYPEDESC* type;
+        std::uint32_t metaType;
+        std::int32_t isByRef;
+        const wchar_t* typeName;
+        const wchar_t* signature;
+        std::int32_t dimensions;
+    };
+    const Row rows[] = {
+        {"text", &bstr, MetaTypeString, 0, L"Text", L"VT_BSTR", 0},
+        {"pointer to int", &pointerToI4, MetaTypeInt, 1, L"Int", L"VT_I4|VT_PTR", 0},
+        {"pointer to void", &pointerToVoid, MetaTypeVoid, 1, L"None", L"VT_VOID|VT_PTR", 0},
+        {"pointer to pointer", &pointerToPointer, MetaTypeObject, 0, L"", L"VT_I4|VT_PTR|VT_PTR", 0},
+        {"array of text", &arrayOfText, MetaTypeString, 0, L"Array of Text", L"VT_BSTR|VT_ARRAY", 1},
+        {"array of objects", &arrayOfObjects, MetaTypeObject, 0, L"Array of ", L"VT_DISPATCH|VT_ARRAY", 1},
+        {"dispatch", &dispatch, MetaTypeObject, 0, L"", L"VT_DISPATCH", 0},
+        {"C array", &carray, MetaTypeInt, 0, L"Array of Int", L"VT_BYREF", 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        CTypeDesc out(MetaTypeStruct, 1, 1);  // anything old must go
+        EXPECT_TRUE(BuildTypeDesc(out, dictionary.Get(), row.type));
+        EXPECT_EQ(out.type, row.metaType);
+        EXPECT_EQ(out.isByRef, row.isByRef);
+        EXPECT_EQ(Text(out.typeName), row.typeName);
+        EXPECT_EQ(Text(out.signature), row.signature);
+        EXPECT_EQ(out.GetDimensionCount(), row.dimensions);
+        EXPECT_EQ(out.structBody, nullptr);
+    }
+    CTypeDesc out;
+    EXPECT_FALSE(BuildTypeDesc(out, nullptr, &bstr));
+    EXPECT_EQ(out.type, MetaTypeObject);
+}
+
+// The dictionary's CompareMode property returns the enumeration CompareMethod.
+TEST_F(TypeDescShapesTest, EnumerationsAreFollowedThroughTheirReference)
+{
+    TYPEATTR* attributes = nullptr;
+    ASSERT_TRUE(SUCCEEDED(dictionary->GetTypeAttr(&attributes)));
+    const WORD functions = attributes->cFuncs;
+    dictionary->ReleaseTypeAttr(attributes);
+    bool seen = false;
+    for (WORD index = 0; index < functions && !seen; ++index) {
+        FUNCDESC* function = nullptr;
+        ASSERT_TRUE(SUCCEEDED(dictionary->GetFuncDesc(index, &function)));
+        BSTR name = nullptr;
+        UINT count = 0;
+        dictionary->GetNames(function->memid, &name, 1, &count);
+        if (function->invkind == INVOKE_PROPERTYGET && name && std::wstring(name) == L"CompareMode") {
+            seen = true;
+            CTypeDesc out;
+            EXPECT_TRUE(BuildTypeDesc(out, dictionary.Get(), &function->lprgelemdescParam[0].tdesc));
+            EXPECT_EQ(out.type, MetaTypeEnum);
+            EXPECT_EQ(out.isByRef, 1);
+            EXPECT_EQ(Text(out.typeName), L"CompareMethod");
+            EXPECT_EQ(Text(out.signature), L"VT_BYREF|VT_PTR");
+            ASSERT_NE(out.enumValues, nullptr);
+            ASSERT_GE(out.enumValues->size(), 3u);
+            EXPECT_EQ(Text(out.enumValues->front()->name), L"BinaryCompare");
+            EXPECT_EQ(out.enumValues->back()->value, static_cast<std::int32_t>(out.enumValues->size()) - 1);
+        }
+        SysFreeString(name);
+        dictionary->ReleaseFuncDesc(function);
+    }
+    EXPECT_TRUE(seen);
+}
+
+}  // namespace
