@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
+#include "identity/object_identity.h"
 #include "metaobj/records.h"
 
 namespace {
@@ -24,7 +26,12 @@ CReferenceHost::CReferenceHost()
 {
     InitializeCriticalSection(&section);
     table.context = this;
-    // Words 20 to 25 (the catalogue) are not offered yet, so the table is not valid for loads.
+    table.BeginObjectLoad = &CReferenceHost::BeginObjectLoad;
+    table.EndObjectLoad = &CReferenceHost::EndObjectLoad;
+    table.ReleaseObjectLoad = &CReferenceHost::ReleaseObjectLoad;
+    table.AddMethodEntry = &CReferenceHost::AddMethodEntry;
+    table.ReservedEntry = reinterpret_cast<void*>(&CReferenceHost::ReservedEntry);
+    table.GetMethodTable = &CReferenceHost::GetMethodTable;
     table.RegisterHandler = &CReferenceHost::RegisterHandler;
     table.CheckObjectAccess = &CReferenceHost::CheckObjectAccess;
     g_accessHost = this;
@@ -34,6 +41,8 @@ CReferenceHost::~CReferenceHost()
 {
     if (g_accessHost == this)
         g_accessHost = nullptr;
+    for (auto& load : loads)
+        DeleteEntries(load.second.table);
     DeleteCriticalSection(&section);
 }
 
@@ -78,3 +87,125 @@ bool CReferenceHost::CheckObjectAccess(MetaObj::CMetaObjectSecurityInfo* info)
     host->accessRequests.push_back(info->objectName);
     return host->denied.count(Folded(info->objectName)) == 0;
 }
+
+void CReferenceHost::AnswerNextLoad(LoadAnswer answer)
+{
+    Lock hold(section);
+    nextAnswer = answer;
+}
+
+void CReferenceHost::RefuseEnds(bool refuse)
+{
+    Lock hold(section);
+    refuseEnds = refuse;
+}
+
+std::vector<std::string> CReferenceHost::LoadCalls() const
+{
+    Lock hold(section);
+    return loadCalls;
+}
+
+bool CReferenceHost::IsLoaded(const std::string& identityText) const
+{
+    Lock hold(section);
+    const auto found = loads.find(identityText);
+    return found != loads.end() && found->second.loaded;
+}
+
+void CReferenceHost::DeleteEntries(MetaObj::CMetaObjectMethodTable& table)
+{
+    for (MetaObj::CMethodEntry* entry : table.entries)
+        delete entry;
+    table.entries.clear();
+}
+
+bool CReferenceHost::BeginObjectLoad(void* context, MetaObj::CObjectIdentity* identity, std::uint8_t* mustLoad)
+{
+    auto* host = static_cast<CReferenceHost*>(context);
+    Lock hold(host->section);
+    host->loadCalls.push_back("Begin");
+    const LoadAnswer answer = std::exchange(host->nextAnswer, LoadAnswer::Normal);
+    if (answer == LoadAnswer::Refuse || identity == nullptr || mustLoad == nullptr)
+        return false;
+    LoadState& state = host->loads[identity->GetText()];
+    ++state.users;
+    const bool fill = answer == LoadAnswer::Reload || (answer == LoadAnswer::Normal && !state.loaded);
+    *mustLoad = fill ? 1 : 0;
+    if (fill) {
+        DeleteEntries(state.table);
+        state.loaded = false;
+        state.loading = true;
+    }
+    return true;
+}
+
+bool CReferenceHost::EndObjectLoad(void* context, MetaObj::CObjectIdentity* identity, std::uint8_t succeeded)
+{
+    auto* host = static_cast<CReferenceHost*>(context);
+    Lock hold(host->section);
+    host->loadCalls.push_back("End");
+    if (identity == nullptr || host->refuseEnds)
+        return false;
+    LoadState& state = host->loads[identity->GetText()];
+    if (state.loading) {
+        state.loading = false;
+        state.loaded = succeeded != 0;
+        if (!state.loaded)
+            DeleteEntries(state.table);
+    }
+    return true;
+}
+
+bool CReferenceHost::ReleaseObjectLoad(void* context, MetaObj::CObjectIdentity* identity)
+{
+    auto* host = static_cast<CReferenceHost*>(context);
+    Lock hold(host->section);
+    host->loadCalls.push_back("Release");
+    if (identity == nullptr)
+        return false;
+    // The table stays for the next user of the identity, as a host's cache would.
+    const auto found = host->loads.find(identity->GetText());
+    if (found != host->loads.end() && found->second.users > 0)
+        --found->second.users;
+    return true;
+}
+
+bool CReferenceHost::AddMethodEntry(void* context, MetaObj::CObjectIdentity* identity, MetaObj::CMethodEntry* entry)
+{
+    auto* host = static_cast<CReferenceHost*>(context);
+    Lock hold(host->section);
+    host->loadCalls.push_back("Add");
+    if (identity == nullptr || entry == nullptr)
+        return false;
+    // The caller destroys its entry on return: keep a deep copy.
+    auto copy = new MetaObj::CMethodEntry;
+    copy->displayName = entry->displayName;
+    copy->methodName = entry->methodName;
+    copy->description = entry->description;
+    copy->returnType = entry->returnType;
+    copy->kind = entry->kind;
+    if (entry->params) {
+        for (const MetaObj::CParamEntry* param : *entry->params) {
+            auto paramCopy = new MetaObj::CParamEntry(param->name, param->type, param->direction);
+            paramCopy->isOptional = param->isOptional;
+            paramCopy->isAny = param->isAny;
+            copy->AddParam(paramCopy);
+        }
+    }
+    host->loads[identity->GetText()].table.entries.push_back(copy);
+    return true;
+}
+
+MetaObj::CMetaObjectMethodTable* CReferenceHost::GetMethodTable(void* context, MetaObj::CObjectIdentity* identity)
+{
+    auto* host = static_cast<CReferenceHost*>(context);
+    Lock hold(host->section);
+    if (identity == nullptr)
+        return nullptr;
+    const auto found = host->loads.find(identity->GetText());
+    return found == host->loads.end() ? nullptr : &found->second.table;
+}
+
+// Word 24 must be present; the module never calls it.
+void CReferenceHost::ReservedEntry() {}

@@ -4,9 +4,12 @@
 
 #include <windows.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "metaobj/records.h"
 
 #include "plugin/host_environment.h"
 
@@ -33,9 +36,32 @@ public:
     void Deny(const std::string& progId);
     std::vector<std::string> AccessRequests() const;  // object names asked about, in order
 
+    // How the host answers the next BeginObjectLoad. A table already loaded for
+    // an identity is not loaded twice unless Reload is asked for.
+    enum class LoadAnswer { Normal, Refuse, NothingToLoad, Reload };
+    void AnswerNextLoad(LoadAnswer answer);
+    void RefuseEnds(bool refuse);
+    // The load entries the module called, in order: "Begin", "Add", "End", "Release".
+    std::vector<std::string> LoadCalls() const;
+    bool IsLoaded(const std::string& identityText) const;
+
 private:
+    struct LoadState {
+        MetaObj::CMetaObjectMethodTable table;  // entries are copies this host owns
+        bool loading = false;
+        bool loaded = false;
+        int users = 0;
+    };
+
     static bool RegisterHandler(void* context, MetaObj::CMetaObjectHandler* handler, HINSTANCE module);
     static bool CheckObjectAccess(MetaObj::CMetaObjectSecurityInfo* info);
+    static bool BeginObjectLoad(void* context, MetaObj::CObjectIdentity* identity, std::uint8_t* mustLoad);
+    static bool EndObjectLoad(void* context, MetaObj::CObjectIdentity* identity, std::uint8_t succeeded);
+    static bool ReleaseObjectLoad(void* context, MetaObj::CObjectIdentity* identity);
+    static bool AddMethodEntry(void* context, MetaObj::CObjectIdentity* identity, MetaObj::CMethodEntry* entry);
+    static MetaObj::CMetaObjectMethodTable* GetMethodTable(void* context, MetaObj::CObjectIdentity* identity);
+    static void ReservedEntry();
+    static void DeleteEntries(MetaObj::CMetaObjectMethodTable& table);
 
     class Lock {
     public:
@@ -54,4 +80,8 @@ private:
     std::vector<Registration> registrations;
     std::set<std::string> denied;
     std::vector<std::string> accessRequests;
+    std::map<std::string, LoadState> loads;  // by identity text
+    LoadAnswer nextAnswer = LoadAnswer::Normal;
+    bool refuseEnds = false;
+    std::vector<std::string> loadCalls;
 };

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "host/reference_host.h"
 #include "identity/object_identity.h"
@@ -118,7 +121,7 @@ TEST(ReferenceHostTest, AccessPolicyDeniesNamedProgIds)
     CReferenceHost host;
     CHandlerEnvironment* table = host.Table();
     EXPECT_NE(table->context, nullptr);
-    EXPECT_FALSE(IsValid(table));  // the load entries come with the catalogue
+    EXPECT_TRUE(IsValid(table));
 
     CMetaObjectSecurityInfo info;
     info.objectType = "COM";
@@ -137,3 +140,70 @@ TEST(ReferenceHostTest, AccessPolicyDeniesNamedProgIds)
 }
 
 }  // namespace
+
+namespace {
+
+CMethodEntry* NewEntry(const wchar_t* name)
+{
+    auto entry = new CMethodEntry;
+    entry->methodName = name;
+    entry->AddParam(new CParamEntry(L"index", CTypeDesc(MetaTypeEnum, 1, 0), 2));
+    return entry;
+}
+
+}  // namespace
+
+TEST(ReferenceHostTest, KeepsOneCatalogueAnIdentityAndAnswersAsScripted)
+{
+    CReferenceHost host;
+    SetEnvironmentTable(host.Table());
+    CObjectIdentity identity;
+    identity.SetText("COM://Scratch.Thing");
+
+    std::uint8_t mustLoad = 7;
+    ASSERT_TRUE(HostBeginObjectLoad(identity, mustLoad));
+    EXPECT_EQ(mustLoad, 1);
+    for (const wchar_t* name : {L"First", L"Second"}) {
+        std::unique_ptr<CMethodEntry> entry(NewEntry(name));
+        HostAddMethodEntry(identity, *entry);
+    }
+    EXPECT_TRUE(HostEndObjectLoad(identity, true));
+    CMetaObjectMethodTable* table = HostGetMethodTable(identity);
+    ASSERT_NE(table, nullptr);
+    ASSERT_EQ(table->entries.size(), 2u);
+    EXPECT_EQ(table->entries.back()->methodName.Compare(L"Second", 0), 0);
+    ASSERT_NE(table->entries.front()->GetParam(0), nullptr);
+    EXPECT_EQ(table->entries.front()->GetParam(0)->type.type, MetaTypeEnum);
+    HostReleaseObjectLoad(identity);
+
+    struct Row {
+        CReferenceHost::LoadAnswer answer;
+        bool begins;
+        std::uint8_t mustLoad;
+        std::size_t entriesAfter;
+    };
+    const Row rows[] = {
+        {CReferenceHost::LoadAnswer::Normal, true, 0, 2},  // loaded already: not twice
+        {CReferenceHost::LoadAnswer::NothingToLoad, true, 0, 2},
+        {CReferenceHost::LoadAnswer::Refuse, false, 9, 2},
+        {CReferenceHost::LoadAnswer::Reload, true, 1, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(static_cast<int>(row.answer));
+        host.AnswerNextLoad(row.answer);
+        mustLoad = 9;
+        EXPECT_EQ(HostBeginObjectLoad(identity, mustLoad), row.begins);
+        EXPECT_EQ(mustLoad, row.mustLoad);
+        EXPECT_EQ(HostGetMethodTable(identity)->entries.size(), row.entriesAfter);
+    }
+    host.RefuseEnds(true);
+    EXPECT_FALSE(HostEndObjectLoad(identity, true));
+    host.RefuseEnds(false);
+    EXPECT_TRUE(HostEndObjectLoad(identity, false));
+    EXPECT_FALSE(host.IsLoaded("COM://Scratch.Thing"));
+
+    const std::vector<std::string> expected = {"Begin", "Add", "Add", "End", "Release", "Begin", "Begin",
+                                               "Begin", "Begin", "End", "End"};
+    EXPECT_EQ(host.LoadCalls(), expected);
+    SetEnvironmentTable(nullptr);
+}
