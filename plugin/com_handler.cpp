@@ -1,6 +1,11 @@
 #include "plugin/com_handler.h"
 
+#include "discovery/catalogue.h"
 #include "discovery/type_names.h"
+#include "identity/com_identity.h"
+#include "metaobj/records.h"
+#include "plugin/host_environment.h"
+#include "resources/string_ids.h"
 #include "plugin/error_text.h"
 #include "plugin/module_state.h"
 #include "plugin/platform_handles.h"
@@ -142,43 +147,129 @@ void CMetaObjectCOMHandler::FreeMethodNameList(CMethodNameList* list)
     delete list;
 }
 
-// Placeholders until the catalogue is built: no description can be had yet.
-bool CMetaObjectCOMHandler::CanLoadObjectInfo(const char*)
+bool CMetaObjectCOMHandler::CanLoadObjectInfo(const char* identityText)
 {
-    return false;
+    // A handler of its own, which the host never hears of: this one plays no part.
+    CMetaObjectCOMHandler probe;
+    if (probe.LoadObjectInfo(identityText) != MetaStatusOk)
+        return false;
+    probe.UnloadObjectInfo();
+    return true;
 }
 
-MetaStatus CMetaObjectCOMHandler::LoadObjectInfo(const char*)
+MetaStatus CMetaObjectCOMHandler::LoadObjectInfo(const char* identityText)
 {
     ClearErrorText(this);
-    return MetaStatusNoTypeInfo;
+    if (identityText) {
+        // A handler with a live object describes that object and no other.
+        if (object)
+            return MetaStatusBadIdentity;
+        if (*identityText)
+            identity.SetText(identityText);
+    }
+    if (!identity.IsComplete())
+        return MetaStatusBadIdentity;
+    std::uint8_t mustLoad = 0;
+    if (!HostBeginObjectLoad(identity, mustLoad))
+        return MetaStatusNoTypeInfo;
+    if (!mustLoad)
+        return MetaStatusOk;
+    const MetaStatus status = FillCatalogue();
+    if (!HostEndObjectLoad(identity, status == MetaStatusOk))
+        return MetaStatusNoTypeInfo;
+    return status;
+}
+
+MetaStatus CMetaObjectCOMHandler::FillCatalogue()
+{
+    const CCOMIdentity local(identity.GetText().c_str(), 1);
+    if (!local.IsComplete())
+        return MetaStatusBadIdentity;
+    const std::string& typeLib = local.GetAttribute(std::string("TypeLib"));
+    CTypeInfoList list;
+    CollectTypeInfos(local.GetObjectName().c_str(), list, typeLib.empty() ? nullptr : typeLib.c_str());
+    if (object && list.empty()) {
+        // The live object may describe itself where no library was found.
+        ComPtr<ITypeInfo> own;
+        try {
+            UINT count = 0;
+            if (SUCCEEDED(object->GetTypeInfoCount(&count)))
+                object->GetTypeInfo(0, GetUserDefaultLCID(), own.Put());
+        } catch (...) {
+            own.Reset();
+        }
+        if (!own)
+            return MetaStatusNoTypeInfo;
+        list.push_back(own);
+    }
+    if (list.empty()) {
+        SetErrorTextById(this, IDS_NO_TYPE_LIBRARY);
+        return MetaStatusNoTypeInfo;
+    }
+    return ReadTypeInfos(identity, list);
 }
 
 MetaStatus CMetaObjectCOMHandler::UnloadObjectInfo()
 {
+    HostReleaseObjectLoad(identity);
     ClearErrorText(this);
+    CoFreeUnusedLibraries();
     return MetaStatusOk;
 }
 
-MetaStatus CMetaObjectCOMHandler::GetMethodNames(CMethodNameList**)
+MetaStatus CMetaObjectCOMHandler::GetMethodNames(CMethodNameList** names)
 {
-    return MetaStatusNoTypeInfo;
+    const CMetaObjectMethodTable* table = HostGetMethodTable(identity);
+    if (!names || !table || table->entries.empty())
+        return MetaStatusNoTypeInfo;
+    auto list = new CMethodNameList;
+    for (const CMethodEntry* entry : table->entries) {
+        CMetaString key;
+        MakeMethodKey(key, entry->methodName, static_cast<MethodKind>(entry->kind));
+        list->push_back(key);
+    }
+    *names = list;
+    return MetaStatusOk;
 }
 
 std::uint32_t CMetaObjectCOMHandler::GetMethodCount()
 {
-    return 0;
+    const CMetaObjectMethodTable* table = HostGetMethodTable(identity);
+    return table ? static_cast<std::uint32_t>(table->entries.size()) : 0;
 }
 
-MetaStatus CMetaObjectCOMHandler::GetMethodInfo(const CMetaString&, std::uint32_t, CMethodInfo**, std::uint32_t)
+MetaStatus CMetaObjectCOMHandler::GetMethodInfo(const CMetaString& methodKey, std::uint32_t mask, CMethodInfo** info,
+                                                std::uint32_t clientData)
 {
-    return MetaStatusNoTypeInfo;
+    const CMethodEntry* entry = FindMethodEntry(identity, methodKey);
+    if (!entry || !info)
+        return MetaStatusNoTypeInfo;
+    auto record = new CMethodInfo;
+    FillMethodInfo(*entry, mask, *record);
+    record->clientData = clientData;
+    record->methodKey = methodKey;
+    *info = record;
+    return MetaStatusOk;
 }
 
-MetaStatus CMetaObjectCOMHandler::GetParamInfo(const CMetaString&, std::uint32_t, std::uint32_t, CParamInfo**,
-                                               std::uint32_t)
+MetaStatus CMetaObjectCOMHandler::GetParamInfo(const CMetaString& methodKey, std::uint32_t index, std::uint32_t mask,
+                                               CParamInfo** info, std::uint32_t clientData)
 {
-    return MetaStatusNoTypeInfo;
+    const CMethodEntry* entry = FindMethodEntry(identity, methodKey);
+    if (!entry || !info)
+        return MetaStatusNoTypeInfo;
+    if (!entry->params || index >= entry->params->size())
+        return MetaStatusBadIdentity;
+    const CParamEntry* param = entry->GetParam(index);
+    if (!param)
+        return MetaStatusNoTypeInfo;
+    auto record = new CParamInfo;
+    FillParamInfo(*param, mask, *record);
+    record->clientData = clientData;
+    record->methodKey = methodKey;
+    record->index = index;
+    *info = record;
+    return MetaStatusOk;
 }
 
 // Placeholder until the attribute rows are built: no class can be described yet.

@@ -66,6 +66,12 @@ public:
     // Forgets the object without Release, and clears the identity.
     virtual void DetachObject();
 
+private:
+    // Reads the class's type information into the host's table for identity.
+    MetaStatus FillCatalogue();
+
+public:
+
     bool dcomEnabled = false;  // read once, at construction
     IDispatch* object = nullptr;
 };
