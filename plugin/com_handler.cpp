@@ -1,6 +1,10 @@
 #include "plugin/com_handler.h"
 
+#include <new>
+#include <string>
+
 #include "discovery/catalogue.h"
+#include "discovery/object_rows.h"
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
 #include "metaobj/records.h"
@@ -272,13 +276,20 @@ MetaStatus CMetaObjectCOMHandler::GetParamInfo(const CMetaString& methodKey, std
     return MetaStatusOk;
 }
 
-// Placeholder until the attribute rows are built: no class can be described yet.
-MetaStatus CMetaObjectCOMHandler::GetObjectInfo(CObjectInfo**, const char*, bool)
+MetaStatus CMetaObjectCOMHandler::GetObjectInfo(CObjectInfo** info, const char* identityText, bool withProperties)
 {
-    return MetaStatusNoClass;
+    const std::string text = identityText ? std::string(identityText) : identity.GetText();
+    if (text.empty() || !info)
+        return MetaStatusNoClass;
+    auto record = new (std::nothrow) CObjectInfo;
+    *info = record;
+    if (!record)
+        return MetaStatusNoMemory;
+    // On NoClass the empty record stays with the caller, who frees it.
+    const CCOMIdentity local(text.c_str(), 1);
+    return FillObjectInfo(*record, local, withProperties) ? MetaStatusOk : MetaStatusNoClass;
 }
 
-// Placeholders until method keys and type names are built.
 MetaStatus CMetaObjectCOMHandler::SplitMethodName(const CMetaString& methodKey, CMetaString& name, MethodKind& kind,
                                                   bool isBool)
 {
