@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "identity/com_identity.h"
+#include "metaobj/records.h"
 #include "plugin/handler_base.h"
 #include "plugin/handler_info.h"
 
@@ -102,6 +104,128 @@ json DescribeIdentity(CHandlerModule& module, const std::string& text)
     return result;
 }
 
+// Texts of the module's records, as UTF-8 for the terminal and for JSON.
+std::string Utf8(const MetaObj::CMetaString& text)
+{
+    const wchar_t* wide = text.GetWide();
+    if (wide == nullptr || *wide == 0)
+        return "";
+    const int size = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<std::size_t>(size > 0 ? size : 1), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wide, -1, &narrow[0], size, nullptr, nullptr);
+    narrow.resize(std::strlen(narrow.c_str()));
+    return narrow;
+}
+
+struct StatusName {
+    MetaObj::MetaStatus status;
+    const char* name;
+};
+
+constexpr StatusName kStatusNames[] = {
+    {MetaObj::MetaStatusOk, "Ok"},
+    {MetaObj::MetaStatusBadIdentity, "BadIdentity"},
+    {MetaObj::MetaStatusNoObject, "NoObject"},
+    {MetaObj::MetaStatusNoObjectGiven, "NoObjectGiven"},
+    {MetaObj::MetaStatusNoTypeInfo, "NoTypeInfo"},
+    {MetaObj::MetaStatusInvokeFailed, "InvokeFailed"},
+    {MetaObj::MetaStatusNoMemory, "NoMemory"},
+    {MetaObj::MetaStatusNotInUse, "NotInUse"},
+    {MetaObj::MetaStatusNoClass, "NoClass"},
+    {MetaObj::MetaStatusBadType, "BadType"},
+    {MetaObj::MetaStatusNoCollection, "NoCollection"},
+    {MetaObj::MetaStatusDenied, "Denied"},
+    {MetaObj::MetaStatusClosed, "Closed"},
+};
+
+json StatusOf(MetaObj::MetaStatus status)
+{
+    std::string name = "Unknown";
+    for (const StatusName& row : kStatusNames) {
+        if (row.status == status)
+            name = row.name;
+    }
+    return {{"code", static_cast<std::uint32_t>(status)}, {"name", name}};
+}
+
+constexpr const char* kKindNames[] = {"Invoke", "Get", "Set", "Setref"};
+constexpr const char* kDirectionNames[] = {"in", "out", "inout"};
+constexpr std::uint32_t kAllFields = 31;
+
+json TypeOf(const MetaObj::CTypeDesc& type)
+{
+    return {{"typeName", Utf8(type.typeName)}, {"signature", Utf8(type.signature)}};
+}
+
+json DescribeParams(MetaObj::CMetaObjectHandler& handler, const MetaObj::CMetaString& key, std::uint32_t count)
+{
+    json params = json::array();
+    for (std::uint32_t index = 0; index < count; ++index) {
+        MetaObj::CParamInfo* param = nullptr;
+        if (handler.GetParamInfo(key, index, kAllFields, &param, 0) != MetaObj::MetaStatusOk || param == nullptr)
+            continue;
+        json entry = TypeOf(param->type);
+        entry["name"] = Utf8(param->name);
+        entry["direction"] = param->direction < 3 ? kDirectionNames[param->direction] : "in";
+        entry["optional"] = param->isOptional != 0;
+        entry["any"] = param->isAny != 0;
+        params.push_back(entry);
+        handler.FreeParamInfo(param);
+    }
+    return params;
+}
+
+json DescribeMethods(MetaObj::CMetaObjectHandler& handler)
+{
+    json methods = json::array();
+    MetaObj::CMethodNameList* keys = nullptr;
+    if (handler.GetMethodNames(&keys) != MetaObj::MetaStatusOk || keys == nullptr)
+        return methods;
+    for (const MetaObj::CMetaString& key : *keys) {
+        MetaObj::CMethodInfo* info = nullptr;
+        if (handler.GetMethodInfo(key, kAllFields, &info, 0) != MetaObj::MetaStatusOk || info == nullptr)
+            continue;
+        methods.push_back({{"key", Utf8(key)},
+                           {"displayName", Utf8(info->displayName)},
+                           {"kind", info->kind < 4 ? kKindNames[info->kind] : "Invoke"},
+                           {"returnType", TypeOf(info->returnType)},
+                           {"description", Utf8(info->description)},
+                           {"params", DescribeParams(handler, key, info->paramCount)}});
+        handler.FreeMethodInfo(info);
+    }
+    handler.FreeMethodNameList(keys);
+    return methods;
+}
+
+// What the module says of a class at design time: its rows and its catalogue.
+json DescribeClass(CHandlerModule& module, const std::string& text)
+{
+    MetaObj::CMetaObjectHandler* handler = module.GetHandlerObject();
+    json result = {{"identity", text}};
+    MetaObj::CObjectInfo* info = nullptr;
+    const MetaObj::MetaStatus infoStatus = handler->GetObjectInfo(&info, text.c_str(), true);
+    json object = {{"status", StatusOf(infoStatus)}};
+    if (info != nullptr) {
+        json rows = json::array();
+        for (const MetaObj::CObjectProperty* row : info->properties)
+            rows.push_back({{"label", Utf8(row->name)}, {"value", Utf8(row->value)}});
+        object["registered"] = info->isRegistered != 0;
+        object["location"] = Utf8(info->location);
+        object["rows"] = rows;
+        handler->FreeObjectInfo(info);
+    }
+    result["object"] = object;
+    const MetaObj::MetaStatus loadStatus = handler->LoadObjectInfo(text.c_str());
+    result["status"] = StatusOf(loadStatus);
+    result["errorText"] = Utf8(handler->GetErrorText());
+    result["methods"] = loadStatus == MetaObj::MetaStatusOk ? DescribeMethods(*handler) : json::array();
+    if (loadStatus == MetaObj::MetaStatusOk)
+        handler->UnloadObjectInfo();
+    handler->Release();
+    module.FreeHandlerObject(handler);
+    return result;
+}
+
 void PrintRow(const char* label, const std::string& value)
 {
     std::printf("%-18s %s\n", label, value.c_str());
@@ -131,6 +255,43 @@ void PrintIdentity(const json& identity)
     PrintRow("class id name:", identity["classIdName"].get<bool>() ? "yes" : "no");
 }
 
+std::string ParamText(const json& param)
+{
+    std::string text = param["name"].get<std::string>() + " As " + param["typeName"].get<std::string>() + " [" +
+                       param["signature"].get<std::string>() + ", " + param["direction"].get<std::string>();
+    if (param["optional"].get<bool>())
+        text += ", optional";
+    if (param["any"].get<bool>())
+        text += ", any";
+    return text + "]";
+}
+
+void PrintClass(const json& described)
+{
+    PrintRow("identity:", described["identity"]);
+    for (const json& row : described["object"].value("rows", json::array()))
+        PrintRow((row["label"].get<std::string>() + ":").c_str(), row["value"]);
+    const json& status = described["status"];
+    if (status["name"] != "Ok") {
+        std::string why = "status " + status["name"].get<std::string>() + " (" + std::to_string(status["code"].get<int>()) + ")";
+        if (!described["errorText"].get<std::string>().empty())
+            why += ": " + described["errorText"].get<std::string>();
+        PrintRow("cannot describe:", why);
+        return;
+    }
+    PrintRow("methods:", std::to_string(described["methods"].size()));
+    for (const json& method : described["methods"]) {
+        const json& result = method["returnType"];
+        std::printf("\n%s  (%s, %s)  returns %s [%s]\n", method["key"].get<std::string>().c_str(),
+                    method["displayName"].get<std::string>().c_str(), method["kind"].get<std::string>().c_str(),
+                    result["typeName"].get<std::string>().c_str(), result["signature"].get<std::string>().c_str());
+        if (!method["description"].get<std::string>().empty())
+            std::printf("    %s\n", method["description"].get<std::string>().c_str());
+        for (const json& param : method["params"])
+            std::printf("    %s\n", ParamText(param).c_str());
+    }
+}
+
 void Emit(const json& document, bool asJson, void (*printText)(const json&))
 {
     if (asJson)
@@ -156,6 +317,9 @@ int main(int argc, char** argv)
     CLI::App* identity = app.add_subcommand("identity", "split an identity string as the module does");
     identity->add_option("text", identityText, "identity string, such as COM://Sample.Object?Host=alpha")
         ->required();
+    std::string describeText;
+    CLI::App* describe = app.add_subcommand("describe", "attribute rows and method catalogue of a class, at design time");
+    describe->add_option("identity", describeText, "identity string, such as COM://Scripting.Dictionary")->required();
     app.require_subcommand(0, 1);
 
     try {
@@ -179,6 +343,11 @@ int main(int argc, char** argv)
         Emit(DescribeModule(session.Module()), asJson, PrintModule);
     } else if (*identity) {
         Emit(DescribeIdentity(session.Module(), identityText), asJson, PrintIdentity);
+    } else if (*describe) {
+        const json described = DescribeClass(session.Module(), describeText);
+        Emit(described, asJson, PrintClass);
+        // A class that can't be described is a failure a script can test for.
+        return described["status"]["name"] == "Ok" ? 0 : kExitFailure;
     } else if (asJson) {
         // No subcommand: the module, and an example identity to show the parts.
         Emit({{"module", DescribeModule(session.Module())},

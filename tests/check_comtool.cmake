@@ -47,6 +47,35 @@ run_tool(0 identity "no delimiter" --json)
 expect_json("complete" "OFF")
 expect_json("scheme" "")
 
+# describe: rows and catalogue of platform classes at design time.
+run_tool(0 --json describe COM://Scripting.Dictionary)
+expect_json("status;name" "Ok")
+expect_json("object;registered" "ON")
+expect_json("object;rows;0;label" "Class ID")
+foreach(key "Invoke:Add" "Get:Count" "Get:Item" "Set:Item")
+  string(FIND "${out}" "\"key\": \"${key}\"" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "Scripting.Dictionary lacks ${key}:\n${out}")
+  endif()
+endforeach()
+
+run_tool(0 describe COM://MSXML2.DOMDocument.6.0)
+string(FIND "${out}" "Invoke:loadXML  (loadXML, Invoke)  returns Bool [VT_BOOL]" at)
+if(at EQUAL -1)
+  message(FATAL_ERROR "DOMDocument: no loadXML with a Bool result:\n${out}")
+endif()
+
+# A class whose server file holds another library than its own can't be described,
+# and the tool says why: the status and the module's error text.
+run_tool(1 --json describe COM://VBScript.RegExp)
+expect_json("status;name" "NoTypeInfo")
+expect_json("errorText" "Could not load type library")
+run_tool(1 describe COM://No.Such.Class)
+string(FIND "${out}" "cannot describe:   status NoTypeInfo (5): Could not load type library" at)
+if(at EQUAL -1)
+  message(FATAL_ERROR "no reason given for an unknown class:\n${out}")
+endif()
+
 # Bad arguments: one line on stderr, exit 2. A module that can't load: exit 1.
 foreach(args "--bogus" "identity" "frobnicate" "info;extra")
   run_tool(2 ${args})
