@@ -1,0 +1,168 @@
+// The catalogue of a type library of our own (tests/servers/catalogue_fixture.idl),
+// which holds every shape of member that the platform's classes don't show.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/reference_host.h"
+#include "discovery/catalogue.h"
+#include "metaobj/records.h"
+#include "plugin/com_handler.h"
+#include "plugin/host_environment.h"
+#include "tests/support/registry_fixture.h"
+
+using namespace MetaObj;
+
+namespace {
+
+const char kLibraryId[] = "{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D01}";
+const char kIdentity[] = "COM://6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20?TypeLib={6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D01}";
+
+std::string Narrow(const CMetaString& text)
+{
+    return text.GetNarrow() ? text.GetNarrow() : "";
+}
+
+std::string FixturePath()
+{
+    char path[MAX_PATH];
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string directory(path);
+    return directory.substr(0, directory.find_last_of("\\/") + 1) + "catalogue_fixture.tlb";
+}
+
+class FixtureLibraryTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string version = std::string("TypeLib\\") + kLibraryId + "\\1.0";
+        registration.Write(version, nullptr, "Catalogue fixture");
+        registration.Write(version + "\\0\\win32", nullptr, FixturePath());
+        registration.Write(version + "\\0\\win64", nullptr, FixturePath());
+        SetEnvironmentTable(host.Table());
+        ASSERT_EQ(handler.LoadObjectInfo(kIdentity), MetaStatusOk);
+        CMethodNameList* names = nullptr;
+        ASSERT_EQ(handler.GetMethodNames(&names), MetaStatusOk);
+        for (const CMetaString& key : *names)
+            keys.push_back(Narrow(key));
+        handler.FreeMethodNameList(names);
+    }
+    void TearDown() override
+    {
+        handler.UnloadObjectInfo();
+        SetEnvironmentTable(nullptr);
+    }
+
+    bool Has(const std::string& key) const { return std::find(keys.begin(), keys.end(), key) != keys.end(); }
+
+    std::unique_ptr<CMethodInfo, void (*)(CMethodInfo*)> Method(const wchar_t* key)
+    {
+        CMethodInfo* info = nullptr;
+        EXPECT_EQ(handler.GetMethodInfo(key, 31, &info, 0), MetaStatusOk) << CMetaString(key).GetNarrow();
+        return {info, [](CMethodInfo* record) { delete record; }};
+    }
+    std::unique_ptr<CParamInfo, void (*)(CParamInfo*)> Param(const wchar_t* key, std::uint32_t index)
+    {
+        CParamInfo* info = nullptr;
+        EXPECT_EQ(handler.GetParamInfo(key, index, 31, &info, 0), MetaStatusOk) << CMetaString(key).GetNarrow();
+        return {info, [](CParamInfo* record) { delete record; }};
+    }
+
+    ScratchClass registration;
+    CReferenceHost host;
+    CMetaObjectCOMHandler handler;
+    std::vector<std::string> keys;
+};
+
+TEST_F(FixtureLibraryTest, MembersAreFilteredByFlagsAndExactNames)
+{
+    for (const char* key : {"Get:Name", "Set:Name", "Get:Visible", "Setref:Target", "Set:Cell", "Invoke:Optional",
+                            "Invoke:release", "Invoke:_newenum", "Set:Count", "Get:Count", "Set:Title", "Get:Title"})
+        EXPECT_TRUE(Has(key)) << key;
+    for (const char* key : {"Invoke:Secret", "Invoke:Internal", "Invoke:Nothing", "Invoke:QueryInterface"})
+        EXPECT_FALSE(Has(key)) << key;
+    // A variable gives its setter, then its getter.
+    const auto setCount = std::find(keys.begin(), keys.end(), "Set:Count");
+    ASSERT_NE(setCount, keys.end());
+    EXPECT_EQ(*(setCount + 1), "Get:Count");
+
+    EXPECT_EQ(Narrow(Method(L"Get:Visible")->displayName), "isVisible");
+    EXPECT_EQ(Narrow(Method(L"Get:Ready")->displayName), "isReady");
+    EXPECT_EQ(Narrow(Method(L"Get:Name")->description), "The name");
+    EXPECT_EQ(Method(L"Set:Cell")->paramCount, 2u);
+    EXPECT_EQ(Narrow(Param(L"Set:Cell", 0)->name), "Cell");
+    EXPECT_EQ(Narrow(Param(L"Set:Cell", 1)->name), "Cell");
+    EXPECT_EQ(Narrow(Param(L"Set:Count", 0)->name), "Count");
+    EXPECT_EQ(Param(L"Invoke:Optional", 0)->isOptional, 1);
+    EXPECT_EQ(Param(L"Invoke:Optional", 0)->isAny, 1);
+}
+
+TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
+{
+    EXPECT_EQ(Param(L"Invoke:Directions", 0)->direction, 1u);
+    EXPECT_EQ(Param(L"Invoke:Directions", 1)->direction, 2u);
+    EXPECT_EQ(Narrow(Method(L"Invoke:Directions")->returnType.typeName), "Double");
+
+    const auto colour = Param(L"Invoke:Paint", 0);
+    EXPECT_EQ(colour->type.type, MetaTypeEnum);
+    EXPECT_EQ(Narrow(colour->type.typeName), "Colour");
+    EXPECT_EQ(Narrow(colour->type.signature), "VT_BYREF");
+    ASSERT_NE(colour->type.enumValues, nullptr);
+    ASSERT_EQ(colour->type.enumValues->size(), 3u);
+    EXPECT_EQ(colour->type.enumValues->back()->value, 7);
+
+    const auto shape = Param(L"Invoke:Paint", 1);
+    EXPECT_EQ(shape->type.type, MetaTypeStruct);
+    EXPECT_EQ(shape->type.isByRef, 1);
+    EXPECT_EQ(Narrow(shape->type.typeName), "Shape");
+    ASSERT_NE(shape->type.structBody, nullptr);
+    ASSERT_EQ(shape->type.structBody->members.size(), 2u);
+    const CTypeDesc& origin = *shape->type.structBody->members.front();
+    EXPECT_EQ(Narrow(origin.memberName), "origin");
+    EXPECT_EQ(origin.type, MetaTypeStruct);
+    ASSERT_NE(origin.structBody, nullptr);
+    EXPECT_EQ(origin.structBody->members.size(), 2u);
+    EXPECT_EQ(Narrow(shape->type.GetStructName()), "{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D04}");
+
+    const auto caption = Param(L"Invoke:Caption", 0);  // an alias reads as its target
+    EXPECT_EQ(Narrow(caption->type.typeName), "Text");
+    EXPECT_EQ(Narrow(caption->type.signature), "VT_BSTR");
+
+    const auto names = Param(L"Invoke:Arrays", 0);
+    EXPECT_EQ(Narrow(names->type.typeName), "Array of Text");
+    EXPECT_EQ(Narrow(names->type.signature), "VT_BSTR|VT_ARRAY");
+    const auto values = Param(L"Invoke:Arrays", 1);
+    EXPECT_EQ(values->isAny, 1);
+
+    const auto target = Param(L"Setref:Target", 0);
+    EXPECT_EQ(target->type.type, MetaTypeObject);
+}
+
+// A library stores each name once, whatever its case, so "Release" and
+// "release" can't both stand in one: the filter is shown here by itself.
+TEST(CallableMemberTest, FlagsAndExactNamesOfThePlumbing)
+{
+    struct Row {
+        WORD flags;
+        const wchar_t* name;
+        bool callable;
+    };
+    const Row rows[] = {
+        {0, L"Release", false},          {0, L"release", true},        {0, L"_NewEnum", false},
+        {0, L"_newenum", true},          {0, L"GetTypeInfoCount", false}, {0, L"Invoke", false},
+        {FUNCFLAG_FHIDDEN, L"Show", false}, {FUNCFLAG_FRESTRICTED, L"Show", false},
+        {FUNCFLAG_FBINDABLE, L"Show", true}, {0, nullptr, false},
+    };
+    for (const Row& row : rows) {
+        FUNCDESC function = {};
+        function.wFuncFlags = row.flags;
+        EXPECT_EQ(IsCallableMember(function, row.name), row.callable)
+            << (row.name ? CMetaString(row.name).GetNarrow() : "null") << " " << row.flags;
+    }
+}
+
+}  // namespace
