@@ -10,6 +10,8 @@
 
 #include "host/reference_host.h"
 #include "discovery/catalogue.h"
+#include "discovery/type_library.h"
+#include "identity/com_identity.h"
 #include "metaobj/records.h"
 #include "plugin/com_handler.h"
 #include "plugin/host_environment.h"
@@ -162,6 +164,94 @@ TEST(CallableMemberTest, FlagsAndExactNamesOfThePlumbing)
         function.wFuncFlags = row.flags;
         EXPECT_EQ(IsCallableMember(function, row.name), row.callable)
             << (row.name ? CMetaString(row.name).GetNarrow() : "null") << " " << row.flags;
+    }
+}
+
+}  // namespace
+
+namespace {
+
+const char kClassKey[] = "CLSID\\{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20}";
+
+std::string ServerPath()
+{
+    const std::string library = FixturePath();
+    return library.substr(0, library.find_last_of("\\/") + 1) + "fixture_server.dll";
+}
+
+// The fixture class registered with our server file and no "TypeLib" entry.
+TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
+{
+    ScratchClass registration;
+    registration.Write(std::string(kClassKey) + "\\InprocServer32", nullptr, ServerPath());
+    const CCOMIdentity identity("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", 0);
+
+    GUID libraryId;
+    CMetaString path, name;
+    ASSERT_TRUE(identity.LoadServerTypeLib(0, libraryId, path, name));
+    EXPECT_EQ(Narrow(name), "CatalogueFixture");
+    EXPECT_EQ(Narrow(path), ServerPath());
+    EXPECT_TRUE(identity.LoadServerTypeLib(0x10000, libraryId, path, name));
+    EXPECT_FALSE(identity.LoadServerTypeLib(0x20000, libraryId, path, name));
+
+    std::string text;
+    EXPECT_TRUE(identity.GetTypeLibId(text, true, true));
+    EXPECT_EQ(text, kLibraryId);
+    EXPECT_FALSE(identity.GetTypeLibId(text, true, false));
+    std::string libraryName, file;
+    ASSERT_TRUE(identity.FindTypeLibFile(0, libraryName, file));  // no library key: the server file
+    EXPECT_EQ(file, ServerPath());
+
+    // Found in the server file but not registered: the class can't be described.
+    CTypeInfoList list;
+    EXPECT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 0u);
+
+    // Registered with the file as the library's file, it can.
+    const std::string version = std::string("TypeLib\\") + kLibraryId + "\\1.0";
+    registration.Write(version, nullptr, "Catalogue fixture");
+    registration.Write(version + "\\0\\win32", nullptr, ServerPath());
+    registration.Write(version + "\\0\\win64", nullptr, ServerPath());
+    // All three interfaces of the coclass, in order; the catalogue reads the dispatch ones.
+    ASSERT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 3u);
+    TYPEATTR* attributes = nullptr;
+    ASSERT_TRUE(SUCCEEDED(list.back()->GetTypeAttr(&attributes)));
+    EXPECT_EQ(attributes->typekind, TKIND_INTERFACE);
+    list.back()->ReleaseTypeAttr(attributes);
+}
+
+}  // namespace
+
+namespace {
+
+// Versions are read in hexadecimal and weighed as major + minor / 100; only
+// the version picked is loaded, so a row loads if the pick has the real file.
+// The fixture library is version 1.0, so the pick must be "1.0" to load.
+TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
+{
+    struct Row {
+        const char* label;
+        std::vector<std::pair<std::string, bool>> versions;  // name, holds the real file
+        bool loads;
+    };
+    const Row rows[] = {
+        {"0.63 is 0.99", {{"1.0", true}, {"0.63", false}}, true},
+        {"0.ff is 2.55", {{"1.0", true}, {"0.ff", false}}, false},
+        {"0.a is 0.10", {{"0.a", false}, {"1.0", true}}, true},
+        {"0.64 ties with 1.0, the first listed wins", {{"1.0", true}, {"0.64", false}}, false},
+        {"only 0.0", {{"0.0", true}}, false},
+        {"a name too long ends the list", {{"1.0", true}, {"1.0000000001", false}}, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        ScratchClass registration;
+        for (const auto& version : row.versions) {
+            const std::string key = std::string("TypeLib\\") + kLibraryId + "\\" + version.first;
+            const std::string file = version.second ? FixturePath() : "C:\\missing\\nothing.tlb";
+            registration.Write(key, nullptr, "Catalogue fixture");
+            registration.Write(key + "\\0\\win32", nullptr, file);
+            registration.Write(key + "\\0\\win64", nullptr, file);
+        }
+        EXPECT_EQ(static_cast<bool>(LoadRegisteredTypeLib(kLibraryId)), row.loads);
     }
 }
 
