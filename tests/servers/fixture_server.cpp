@@ -8,14 +8,14 @@
 
 extern "C" {
 
-HRESULT __stdcall DllGetClassObject(REFCLSID, REFIID, void** out)
+__declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID, REFIID, void** out)
 {
     if (out)
         *out = nullptr;
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
-HRESULT __stdcall DllCanUnloadNow()
+__declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
     return S_OK;
 }
