@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -142,6 +143,29 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
 
     const auto target = Param(L"Setref:Target", 0);
     EXPECT_EQ(target->type.type, MetaTypeObject);
+
+    // A pointer to a coclass can't be resolved, but a pointer is: the member
+    // stays as an object of no name.
+    const auto holder = Param(L"Invoke:Hold", 0);
+    ASSERT_NE(holder->type.structBody, nullptr);
+    ASSERT_EQ(holder->type.structBody->members.size(), 3u);
+    const CTypeDesc& owner = **std::next(holder->type.structBody->members.begin());
+    EXPECT_EQ(Narrow(owner.memberName), "owner");
+    EXPECT_EQ(owner.type, MetaTypeObject);
+    EXPECT_TRUE(owner.typeName.IsEmpty());
+    const CTypeDesc& grid = *holder->type.structBody->members.front();
+    EXPECT_EQ(Narrow(grid.typeName), "Array of Int");
+    std::int32_t lower = -1, count = 0;
+    ASSERT_EQ(grid.GetDimensionCount(), 2);
+    EXPECT_TRUE(grid.bounds->GetBound(1, &lower, &count));
+    EXPECT_EQ(lower, 0);
+    EXPECT_EQ(count, 3);
+    EXPECT_EQ(Narrow(holder->type.structBody->members.back()->memberName), "weight");
+
+    const auto indirect = Param(L"Invoke:Hold", 1);  // a pointer to an object needs no by-reference mark
+    EXPECT_EQ(indirect->type.type, MetaTypeObject);
+    EXPECT_EQ(indirect->type.isByRef, 0);
+    EXPECT_EQ(Narrow(indirect->type.signature), "VT_DISPATCH");
 }
 
 // A library stores each name once, whatever its case, so "Release" and
