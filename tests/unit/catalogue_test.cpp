@@ -92,22 +92,6 @@ TEST_F(CatalogueTest, DescribesAPlatformClassAtDesignTime)
     EXPECT_EQ(std::vector<std::string>(calls.end() - 2, calls.end()), expectedEnds);
 }
 
-TEST_F(CatalogueTest, BooleanResultsAndPropertyAccessorsAreNamedForPeople)
-{
-    ASSERT_EQ(handler.LoadObjectInfo("COM://MSXML2.DOMDocument.6.0"), MetaStatusOk);
-    CMethodInfo* info = nullptr;
-    ASSERT_EQ(handler.GetMethodInfo(L"Invoke:loadXML", 31, &info, 0), MetaStatusOk);
-    EXPECT_EQ(info->returnType.type, MetaTypeBool);
-    handler.FreeMethodInfo(info);
-    ASSERT_EQ(handler.GetMethodInfo(L"Get:async", 31, &info, 0), MetaStatusOk);
-    EXPECT_EQ(Narrow(info->displayName), "isasync");
-    handler.FreeMethodInfo(info);
-    ASSERT_EQ(handler.GetMethodInfo(L"Set:async", 31, &info, 0), MetaStatusOk);
-    EXPECT_EQ(Narrow(info->displayName), "setasync");
-    handler.FreeMethodInfo(info);
-    handler.UnloadObjectInfo();
-}
-
 TEST_F(CatalogueTest, StatusesOfLoadsThatCannotGoAhead)
 {
     EXPECT_EQ(handler.LoadObjectInfo(""), MetaStatusBadIdentity);

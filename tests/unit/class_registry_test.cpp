@@ -88,31 +88,6 @@ TEST(ClassRegistryTest, ServerProbeOrderDecidesKindPathAndThreadingModel)
     }
 }
 
-// Expansion happens only where the default-value query refuses an expandable
-// value (ERROR_INVALID_DATA); this platform's query hands it over as stored.
-TEST(ClassRegistryTest, ExpandableServerPathsComeAsTheQueryGivesThem)
-{
-    ScratchClass scratch;
-    scratch.WriteClass("InprocServer32", nullptr, "%SystemRoot%\\scratch.dll", REG_EXPAND_SZ);
-    HKEY classKey = nullptr;
-    ASSERT_EQ(RegOpenKeyExA(HKEY_CLASSES_ROOT, scratch.classKey.c_str(), 0, KEY_QUERY_VALUE, &classKey), 0);
-    char direct[MAX_PATH] = {};
-    LONG size = sizeof direct;
-    const LONG status = RegQueryValueA(classKey, "InprocServer32", direct, &size);
-    RegCloseKey(classKey);
-
-    std::string path;
-    ServerKind kind;
-    ASSERT_TRUE(IdentityOf(scratch.bare).GetServerPath(path, kind));
-    if (status == ERROR_SUCCESS) {
-        EXPECT_EQ(path, direct);
-    } else {
-        char expanded[MAX_PATH];
-        ExpandEnvironmentStringsA("%SystemRoot%\\scratch.dll", expanded, MAX_PATH);
-        EXPECT_EQ(path, expanded);
-    }
-}
-
 TEST(ClassRegistryTest, TextEntriesKeepToTheirLimits)
 {
     ScratchClass scratch;
