@@ -11,8 +11,11 @@
 #include <memory>
 #include <string>
 
+#include "host/call_command.h"
+#include "host/call_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
+#include "host/tool_text.h"
 #include "identity/com_identity.h"
 #include "metaobj/records.h"
 #include "plugin/handler_base.h"
@@ -21,10 +24,47 @@
 namespace {
 
 using nlohmann::json;
+using Tool::StatusOf;
+using Tool::Utf8;
 
 constexpr const char* kExampleIdentity = "COM://Scripting.Dictionary?Host=alpha?Username=guest";
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitFailure = Tool::kExitCallFailed;
+constexpr int kExitUsage = Tool::kExitBadInput;
+
+constexpr const char* kCallHelp = R"(A CALL is one argument: a method key, then its arguments, separated by
+spaces; double quotes group, and inside them \" is a quote. The key names
+the kind of access: Invoke:Add, Get:Count, Set:CompareMode, Setref:Item.
+Objects that calls return get handles @1, @2, ... in order; "@1 Get:nodeName"
+calls the object of @1, and @1 as an argument passes it.
+
+Arguments are typed from the object's catalogue; an enumeration also takes its
+named values. A prefix gives a type explicitly: int:5 real:2.5 text:hello
+bool:true char:A date:2024-01-02 cy:12.50 enum:1; null is no object, and -
+leaves an optional argument out. A parameter of type Variant receives text
+unless a prefix says otherwise. Where there is no catalogue (objects that calls
+return), untyped arguments are guessed: a whole number is an Int, a number with
+a point or exponent a Real, true or false a Bool, anything else and anything
+quoted is text.
+
+With CALL "-", calls are read from standard input, one a line; blank lines
+and lines starting with # are skipped.
+
+Exit codes: 0 all calls succeeded; 1 the object couldn't be opened or a call
+failed (one line on stderr); 2 a call that couldn't be built from its text.)";
+
+void AddOpenOptions(CLI::App& command, Tool::OpenOptions& options, CLI::Option* needs)
+{
+    const auto add = [&](CLI::Option* option) {
+        if (needs != nullptr)
+            option->needs(needs);
+    };
+    add(command.add_option("--moniker", options.moniker, "open by this moniker display name, such as new:VBScript.RegExp"));
+    add(command.add_flag("--running", options.running, "attach to a running object of the class"));
+    add(command.add_option("--host", options.host, "machine for the class, unless the identity names one"));
+    add(command.add_option("--user", options.user, "user name for a remote machine"));
+    add(command.add_option("--password", options.password, "password of that user"));
+    add(command.add_option("--domain", options.domain, "domain of that user"));
+}
 
 std::string Text(const char* narrow)
 {
@@ -61,6 +101,7 @@ public:
     }
 
     CHandlerModule& Module() { return *module; }
+    CReferenceHost& Host() { return host; }
 
 private:
     CReferenceHost host;
@@ -102,50 +143,6 @@ json DescribeIdentity(CHandlerModule& module, const std::string& text)
     handler->Release();
     module.FreeHandlerObject(handler);
     return result;
-}
-
-// Texts of the module's records, as UTF-8 for the terminal and for JSON.
-std::string Utf8(const MetaObj::CMetaString& text)
-{
-    const wchar_t* wide = text.GetWide();
-    if (wide == nullptr || *wide == 0)
-        return "";
-    const int size = WideCharToMultiByte(CP_UTF8, 0, wide, -1, nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<std::size_t>(size > 0 ? size : 1), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, wide, -1, &narrow[0], size, nullptr, nullptr);
-    narrow.resize(std::strlen(narrow.c_str()));
-    return narrow;
-}
-
-struct StatusName {
-    MetaObj::MetaStatus status;
-    const char* name;
-};
-
-constexpr StatusName kStatusNames[] = {
-    {MetaObj::MetaStatusOk, "Ok"},
-    {MetaObj::MetaStatusBadIdentity, "BadIdentity"},
-    {MetaObj::MetaStatusNoObject, "NoObject"},
-    {MetaObj::MetaStatusNoObjectGiven, "NoObjectGiven"},
-    {MetaObj::MetaStatusNoTypeInfo, "NoTypeInfo"},
-    {MetaObj::MetaStatusInvokeFailed, "InvokeFailed"},
-    {MetaObj::MetaStatusNoMemory, "NoMemory"},
-    {MetaObj::MetaStatusNotInUse, "NotInUse"},
-    {MetaObj::MetaStatusNoClass, "NoClass"},
-    {MetaObj::MetaStatusBadType, "BadType"},
-    {MetaObj::MetaStatusNoCollection, "NoCollection"},
-    {MetaObj::MetaStatusDenied, "Denied"},
-    {MetaObj::MetaStatusClosed, "Closed"},
-};
-
-json StatusOf(MetaObj::MetaStatus status)
-{
-    std::string name = "Unknown";
-    for (const StatusName& row : kStatusNames) {
-        if (row.status == status)
-            name = row.name;
-    }
-    return {{"code", static_cast<std::uint32_t>(status)}, {"name", name}};
 }
 
 constexpr const char* kKindNames[] = {"Invoke", "Get", "Set", "Setref"};
@@ -197,13 +194,10 @@ json DescribeMethods(MetaObj::CMetaObjectHandler& handler)
     return methods;
 }
 
-// What the module says of a class at design time: its rows and its catalogue.
-json DescribeClass(CHandlerModule& module, const std::string& text)
+json DescribeRows(MetaObj::CMetaObjectHandler& handler, const std::string& text)
 {
-    MetaObj::CMetaObjectHandler* handler = module.GetHandlerObject();
-    json result = {{"identity", text}};
     MetaObj::CObjectInfo* info = nullptr;
-    const MetaObj::MetaStatus infoStatus = handler->GetObjectInfo(&info, text.c_str(), true);
+    const MetaObj::MetaStatus infoStatus = handler.GetObjectInfo(&info, text.c_str(), true);
     json object = {{"status", StatusOf(infoStatus)}};
     if (info != nullptr) {
         json rows = json::array();
@@ -212,17 +206,41 @@ json DescribeClass(CHandlerModule& module, const std::string& text)
         object["registered"] = info->isRegistered != 0;
         object["location"] = Utf8(info->location);
         object["rows"] = rows;
-        handler->FreeObjectInfo(info);
+        handler.FreeObjectInfo(info);
     }
-    result["object"] = object;
+    return object;
+}
+
+void AddCatalogue(json& described, MetaObj::CMetaObjectHandler& handler, MetaObj::MetaStatus loadStatus)
+{
+    described["status"] = StatusOf(loadStatus);
+    described["errorText"] = Utf8(handler.GetErrorText());
+    described["methods"] = loadStatus == MetaObj::MetaStatusOk ? DescribeMethods(handler) : json::array();
+}
+
+// What the module says of a class at design time: its rows and its catalogue.
+json DescribeClass(CHandlerModule& module, const std::string& text)
+{
+    MetaObj::CMetaObjectHandler* handler = module.GetHandlerObject();
+    json result = {{"identity", text}, {"live", false}, {"object", DescribeRows(*handler, text)}};
     const MetaObj::MetaStatus loadStatus = handler->LoadObjectInfo(text.c_str());
-    result["status"] = StatusOf(loadStatus);
-    result["errorText"] = Utf8(handler->GetErrorText());
-    result["methods"] = loadStatus == MetaObj::MetaStatusOk ? DescribeMethods(*handler) : json::array();
+    AddCatalogue(result, *handler, loadStatus);
     if (loadStatus == MetaObj::MetaStatusOk)
         handler->UnloadObjectInfo();
     handler->Release();
     module.FreeHandlerObject(handler);
+    return result;
+}
+
+// The same of a live object: the catalogue then comes from the object where no
+// library describes its class.
+json DescribeLive(CHandlerModule& module, const std::string& text, const Tool::OpenOptions& options)
+{
+    Tool::CLiveObject live(module);
+    const MetaObj::MetaStatus openStatus = live.Open(text, options);
+    json result = {{"identity", text}, {"live", true}, {"open", StatusOf(openStatus)}};
+    result["object"] = DescribeRows(live.Handler(), text);
+    AddCatalogue(result, live.Handler(), openStatus == MetaObj::MetaStatusOk ? live.LoadCatalogue() : openStatus);
     return result;
 }
 
@@ -272,6 +290,10 @@ void PrintClass(const json& described)
     for (const json& row : described["object"].value("rows", json::array()))
         PrintRow((row["label"].get<std::string>() + ":").c_str(), row["value"]);
     const json& status = described["status"];
+    if (described.contains("open") && described["open"]["name"] != "Ok") {
+        PrintRow("cannot open:", "status " + Tool::StatusText(static_cast<MetaObj::MetaStatus>(described["open"]["code"].get<std::uint32_t>())));
+        return;
+    }
     if (status["name"] != "Ok") {
         std::string why = "status " + status["name"].get<std::string>() + " (" + std::to_string(status["code"].get<int>()) + ")";
         if (!described["errorText"].get<std::string>().empty())
@@ -318,8 +340,20 @@ int main(int argc, char** argv)
     identity->add_option("text", identityText, "identity string, such as COM://Sample.Object?Host=alpha")
         ->required();
     std::string describeText;
+    bool describeLive = false;
+    Tool::OpenOptions describeOptions;
     CLI::App* describe = app.add_subcommand("describe", "attribute rows and method catalogue of a class, at design time");
     describe->add_option("identity", describeText, "identity string, such as COM://Scripting.Dictionary")->required();
+    CLI::Option* live = describe->add_flag("--live", describeLive, "create the object and describe it as it runs");
+    AddOpenOptions(*describe, describeOptions, live);
+    Tool::CallCommand callCommand;
+    CLI::App* call = app.add_subcommand("call", "open an object and call its members");
+    call->add_option("identity", callCommand.identity, "identity string, such as COM://Scripting.Dictionary")
+        ->required();
+    call->add_option("calls", callCommand.calls, "calls in order, such as \"Invoke:Add apple 3\", or - for standard input")
+        ->required();
+    AddOpenOptions(*call, callCommand.options, nullptr);
+    call->footer(kCallHelp);
     app.require_subcommand(0, 1);
 
     try {
@@ -344,10 +378,14 @@ int main(int argc, char** argv)
     } else if (*identity) {
         Emit(DescribeIdentity(session.Module(), identityText), asJson, PrintIdentity);
     } else if (*describe) {
-        const json described = DescribeClass(session.Module(), describeText);
+        const json described = describeLive ? DescribeLive(session.Module(), describeText, describeOptions)
+                                            : DescribeClass(session.Module(), describeText);
         Emit(described, asJson, PrintClass);
         // A class that can't be described is a failure a script can test for.
         return described["status"]["name"] == "Ok" ? 0 : kExitFailure;
+    } else if (*call) {
+        callCommand.asJson = asJson;
+        return Tool::RunCallCommand(session.Module(), session.Host(), callCommand);
     } else if (asJson) {
         // No subcommand: the module, and an example identity to show the parts.
         Emit({{"module", DescribeModule(session.Module())},

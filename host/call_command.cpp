@@ -1,0 +1,198 @@
+#include "host/call_command.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <iostream>
+
+#include "host/call_line.h"
+#include "host/tool_text.h"
+
+namespace Tool {
+
+using nlohmann::json;
+using MetaObj::MetaStatus;
+
+namespace {
+
+// The calls in order: the arguments as given, or lines of standard input
+// without blank lines and "#" comments.
+class CCallSource {
+public:
+    explicit CCallSource(const std::vector<std::string>& given)
+        : given(given), fromInput(given.size() == 1 && given[0] == "-")
+    {
+    }
+
+    bool Next(std::wstring& text)
+    {
+        if (!fromInput) {
+            if (next == given.size())
+                return false;
+            text = Widen(given[next++], CP_ACP);
+            return true;
+        }
+        std::string line;
+        while (std::getline(std::cin, line)) {
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            const std::size_t first = line.find_first_not_of(" \t");
+            if (first == std::string::npos || line[first] == '#')
+                continue;
+            text = Widen(line, CP_UTF8);
+            return true;
+        }
+        return false;
+    }
+
+private:
+    const std::vector<std::string>& given;
+    bool fromInput;
+    std::size_t next = 0;
+};
+
+void PrintRow(const std::string& label, const std::string& value)
+{
+    std::printf("%-18s %s\n", label.c_str(), value.c_str());
+}
+
+bool IsTextual(const json& item)
+{
+    const std::string type = item.value("metaType", "");
+    return type == "String" || type == "Char" || type == "Date" || type == "Currency";
+}
+
+std::string ValueText(const json& item)
+{
+    if (item.is_null())
+        return "none";
+    if (item.contains("elements")) {
+        std::string text = "[";
+        for (const json& element : item["elements"])
+            text += (text.size() > 1 ? ", " : "") + ValueText(element);
+        return text + "]";
+    }
+    if (item.contains("members")) {
+        std::string text = "{";
+        for (const json& member : item["members"])
+            text += (text.size() > 1 ? ", " : "") + member.value("name", "") + ": " + ValueText(member);
+        return text + "}";
+    }
+    std::string text = item.value("text", "");
+    if (IsTextual(item))
+        text = "\"" + text + "\"";
+    if (item.contains("enumName"))
+        text += " (" + item["enumName"].get<std::string>() + ")";
+    return text;
+}
+
+std::string ItemText(const json& item)
+{
+    if (item.is_null())
+        return "none";
+    std::string type = item["metaType"].get<std::string>() + ", " + item["class"].get<std::string>();
+    if (!item["signature"].get<std::string>().empty())
+        type += ", " + item["signature"].get<std::string>();
+    return ValueText(item) + "  [" + type + "]";
+}
+
+void PrintCall(const json& call)
+{
+    std::printf("\n> %s\n", call["call"].get<std::string>().c_str());
+    PrintRow("status:", call["status"]["name"].get<std::string>() + " (" +
+                            std::to_string(call["status"]["code"].get<std::uint32_t>()) + ")");
+    const json& record = call["record"];
+    PrintRow("record:", "code " + std::to_string(record["code"].get<std::uint32_t>()) + ", source \"" +
+                            record["source"].get<std::string>() + "\", description \"" +
+                            record["description"].get<std::string>() + "\"");
+    PrintRow("result:", ItemText(call["result"]));
+    for (const json& param : call["outParams"]) {
+        const std::string name = param["name"].get<std::string>();
+        PrintRow(param["direction"].get<std::string>() + " " +
+                     (name.empty() ? "#" + std::to_string(param["index"].get<std::size_t>() + 1) : name) + ":",
+                 ItemText(param));
+    }
+    std::fflush(stdout);
+}
+
+// Handlers the module made for returned objects are the host's to free once no
+// item holds them; the count of those still held tells of a leak.
+std::size_t FreeReturnedHandlers(CHandlerModule& module, CReferenceHost& host, std::size_t first)
+{
+    std::size_t inUse = 0;
+    const std::vector<CReferenceHost::Registration> registrations = host.Registrations();
+    for (std::size_t index = first; index < registrations.size(); ++index) {
+        MetaObj::CMetaObjectHandler* handler = registrations[index].handler;
+        if (handler->GetUseCount() != 0)
+            ++inUse;
+        else
+            module.FreeHandlerObject(handler);
+    }
+    return inUse;
+}
+
+}  // namespace
+
+int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallCommand& command)
+{
+    json document = {{"identity", command.identity}, {"calls", json::array()}};
+    std::string failure;
+    int exitCode = 0;
+    const std::size_t opened = host.Registrations().size();
+    {
+        CLiveObject live(module);
+        const MetaStatus openStatus = live.Open(command.identity, command.options);
+        document["open"] = StatusOf(openStatus);
+        if (openStatus != MetaObj::MetaStatusOk) {
+            failure = "cannot open " + command.identity + ": status " + StatusText(openStatus);
+            const std::string why = Utf8(live.Handler().GetErrorText());
+            if (!why.empty())
+                failure += ": " + why;
+            exitCode = kExitCallFailed;
+        } else {
+            const MetaStatus catalogueStatus = live.LoadCatalogue();
+            document["catalogue"] = StatusOf(catalogueStatus);
+            document["errorText"] = Utf8(live.Handler().GetErrorText());
+            if (!command.asJson) {
+                PrintRow("identity:", command.identity);
+                PrintRow("catalogue:", StatusText(catalogueStatus) +
+                                           (catalogueStatus == MetaObj::MetaStatusOk ? "" : ", arguments are guessed"));
+            }
+            CCallSession session(live.Handler(), catalogueStatus == MetaObj::MetaStatusOk);
+            CCallSource source(command.calls);
+            std::wstring text;
+            while (exitCode == 0 && source.Next(text)) {
+                CallLine line;
+                std::string error;
+                if (!ParseCallLine(text, line, error)) {
+                    failure = Utf8(text) + ": " + error;
+                    exitCode = kExitBadInput;
+                    break;
+                }
+                json report;
+                const CCallSession::Outcome outcome = session.Run(line, report, failure);
+                if (outcome == CCallSession::Outcome::BadInput) {
+                    exitCode = kExitBadInput;
+                    break;
+                }
+                document["calls"].push_back(report);
+                if (outcome == CCallSession::Outcome::Failed)
+                    exitCode = kExitCallFailed;
+                else if (!command.asJson)
+                    PrintCall(report);
+            }
+            document["handles"] = session.HandleCount();
+            session.ReleaseHandles();
+        }
+    }
+    // The object's own handler is gone with live; every later one was the module's.
+    document["handlersInUse"] = FreeReturnedHandlers(module, host, opened + 1);
+    document["failure"] = failure;
+    if (command.asJson)
+        std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+    if (!failure.empty())
+        std::fprintf(stderr, "comtool: %s\n", failure.c_str());
+    return exitCode;
+}
+
+}  // namespace Tool
