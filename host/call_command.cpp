@@ -39,7 +39,8 @@ public:
             const std::size_t first = line.find_first_not_of(" \t");
             if (first == std::string::npos || line[first] == '#')
                 continue;
-            text = Widen(line, CP_UTF8);
+            const std::size_t last = line.find_last_not_of(" \t");
+            text = Widen(line.substr(first, last - first + 1), CP_UTF8);
             return true;
         }
         return false;
@@ -62,6 +63,23 @@ bool IsTextual(const json& item)
     return type == "String" || type == "Char" || type == "Date" || type == "Currency";
 }
 
+// Line breaks and tabs are spelt out, so that every value stays on its row.
+std::string OneLine(const std::string& text)
+{
+    std::string line;
+    for (const char c : text) {
+        if (c == '\r')
+            line += "\\r";
+        else if (c == '\n')
+            line += "\\n";
+        else if (c == '\t')
+            line += "\\t";
+        else
+            line += c;
+    }
+    return line;
+}
+
 std::string ValueText(const json& item)
 {
     if (item.is_null())
@@ -80,7 +98,7 @@ std::string ValueText(const json& item)
     }
     std::string text = item.value("text", "");
     if (IsTextual(item))
-        text = "\"" + text + "\"";
+        text = "\"" + OneLine(text) + "\"";
     if (item.contains("enumName"))
         text += " (" + item["enumName"].get<std::string>() + ")";
     return text;
@@ -115,22 +133,6 @@ void PrintCall(const json& call)
     std::fflush(stdout);
 }
 
-// Handlers the module made for returned objects are the host's to free once no
-// item holds them; the count of those still held tells of a leak.
-std::size_t FreeReturnedHandlers(CHandlerModule& module, CReferenceHost& host, std::size_t first)
-{
-    std::size_t inUse = 0;
-    const std::vector<CReferenceHost::Registration> registrations = host.Registrations();
-    for (std::size_t index = first; index < registrations.size(); ++index) {
-        MetaObj::CMetaObjectHandler* handler = registrations[index].handler;
-        if (handler->GetUseCount() != 0)
-            ++inUse;
-        else
-            module.FreeHandlerObject(handler);
-    }
-    return inUse;
-}
-
 }  // namespace
 
 int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallCommand& command)
@@ -138,9 +140,8 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
     json document = {{"identity", command.identity}, {"calls", json::array()}};
     std::string failure;
     int exitCode = 0;
-    const std::size_t opened = host.Registrations().size();
     {
-        CLiveObject live(module);
+        CLiveObject live(module, host);
         const MetaStatus openStatus = live.Open(command.identity, command.options);
         document["open"] = StatusOf(openStatus);
         if (openStatus != MetaObj::MetaStatusOk) {
@@ -185,8 +186,10 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
             session.ReleaseHandles();
         }
     }
-    // The object's own handler is gone with live; every later one was the module's.
-    document["handlersInUse"] = FreeReturnedHandlers(module, host, opened + 1);
+    // The handlers the module made for returned objects are the host's to free;
+    // one still in use after everything was given back is a leak.
+    host.FreeReleasedHandlers(module.FreeHandlerObject);
+    document["handlersInUse"] = host.Registrations().size();
     document["failure"] = failure;
     if (command.asJson)
         std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());

@@ -148,13 +148,17 @@ std::string Quoted(const CMetaString& text)
 
 }  // namespace
 
-CLiveObject::CLiveObject(CHandlerModule& module) : module(module), handler(module.GetHandlerObject()) {}
+CLiveObject::CLiveObject(CHandlerModule& module, CReferenceHost& host)
+    : module(module), host(host), handler(module.GetHandlerObject())
+{
+}
 
 CLiveObject::~CLiveObject()
 {
     if (catalogueLoaded)
         handler->UnloadObjectInfo();
     handler->Release();
+    host.Forget(handler);
     module.FreeHandlerObject(handler);
 }
 

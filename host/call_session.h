@@ -9,6 +9,7 @@
 #include "host/call_items.h"
 #include "host/call_line.h"
 #include "host/module_loader.h"
+#include "host/reference_host.h"
 #include "plugin/handler_base.h"
 
 namespace Tool {
@@ -25,10 +26,10 @@ struct OpenOptions {
 
 // One handler of the module, from GetHandlerObject; on destruction its
 // catalogue is unloaded, its last use released (which closes the object) and
-// the handler freed.
+// the handler forgotten by the host and freed.
 class CLiveObject {
 public:
-    explicit CLiveObject(CHandlerModule& module);
+    CLiveObject(CHandlerModule& module, CReferenceHost& host);
     ~CLiveObject();
     CLiveObject(const CLiveObject&) = delete;
     CLiveObject& operator=(const CLiveObject&) = delete;
@@ -41,6 +42,7 @@ public:
 
 private:
     CHandlerModule& module;
+    CReferenceHost& host;
     MetaObj::CMetaObjectHandler* handler;
     bool catalogueLoaded = false;
 };

@@ -234,9 +234,9 @@ json DescribeClass(CHandlerModule& module, const std::string& text)
 
 // The same of a live object: the catalogue then comes from the object where no
 // library describes its class.
-json DescribeLive(CHandlerModule& module, const std::string& text, const Tool::OpenOptions& options)
+json DescribeLive(CHandlerModule& module, CReferenceHost& host, const std::string& text, const Tool::OpenOptions& options)
 {
-    Tool::CLiveObject live(module);
+    Tool::CLiveObject live(module, host);
     const MetaObj::MetaStatus openStatus = live.Open(text, options);
     json result = {{"identity", text}, {"live", true}, {"open", StatusOf(openStatus)}};
     result["object"] = DescribeRows(live.Handler(), text);
@@ -378,7 +378,7 @@ int main(int argc, char** argv)
     } else if (*identity) {
         Emit(DescribeIdentity(session.Module(), identityText), asJson, PrintIdentity);
     } else if (*describe) {
-        const json described = describeLive ? DescribeLive(session.Module(), describeText, describeOptions)
+        const json described = describeLive ? DescribeLive(session.Module(), session.Host(), describeText, describeOptions)
                                             : DescribeClass(session.Module(), describeText);
         Emit(described, asJson, PrintClass);
         // A class that can't be described is a failure a script can test for.
