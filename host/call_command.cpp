@@ -16,39 +16,72 @@ using MetaObj::MetaStatus;
 namespace {
 
 // The calls in order: the arguments as given, or lines of standard input
-// without blank lines and "#" comments.
+// without blank lines and "#" comments. Given calls are all read before the
+// object is made, so that a typo in the last one has no effect on the object.
 class CCallSource {
 public:
-    explicit CCallSource(const std::vector<std::string>& given)
-        : given(given), fromInput(given.size() == 1 && given[0] == "-")
-    {
-    }
+    enum class Read { Call, End, Bad };
 
-    bool Next(std::wstring& text)
+    explicit CCallSource(const std::vector<std::string>& given) : fromInput(given.size() == 1 && given[0] == "-")
     {
         if (!fromInput) {
-            if (next == given.size())
-                return false;
-            text = Widen(given[next++], CP_ACP);
-            return true;
+            for (const std::string& text : given)
+                texts.push_back(Widen(text, CP_ACP));
         }
+    }
+
+    // The first call that can't be read, as Next would report it.
+    bool CheckGiven(std::string& error) const
+    {
+        for (const std::wstring& text : texts) {
+            CallLine line;
+            if (!Parse(text, line, error))
+                return false;
+        }
+        return true;
+    }
+
+    Read Next(CallLine& line, std::string& error)
+    {
+        std::wstring text;
+        if (!(fromInput ? ReadInput(text) : ReadGiven(text)))
+            return Read::End;
+        return Parse(text, line, error) ? Read::Call : Read::Bad;
+    }
+
+private:
+    static bool Parse(const std::wstring& text, CallLine& line, std::string& error)
+    {
+        if (ParseCallLine(text, line, error))
+            return true;
+        error = Utf8(text) + ": " + error;
+        return false;
+    }
+
+    bool ReadGiven(std::wstring& text)
+    {
+        if (next == texts.size())
+            return false;
+        text = texts[next++];
+        return true;
+    }
+
+    static bool ReadInput(std::wstring& text)
+    {
         std::string line;
         while (std::getline(std::cin, line)) {
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
-            const std::size_t first = line.find_first_not_of(" \t");
+            const std::size_t first = line.find_first_not_of(" \t\r");
             if (first == std::string::npos || line[first] == '#')
                 continue;
-            const std::size_t last = line.find_last_not_of(" \t");
+            const std::size_t last = line.find_last_not_of(" \t\r");
             text = Widen(line.substr(first, last - first + 1), CP_UTF8);
             return true;
         }
         return false;
     }
 
-private:
-    const std::vector<std::string>& given;
     bool fromInput;
+    std::vector<std::wstring> texts;
     std::size_t next = 0;
 };
 
@@ -140,7 +173,10 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
     json document = {{"identity", command.identity}, {"calls", json::array()}};
     std::string failure;
     int exitCode = 0;
-    {
+    CCallSource source(command.calls);
+    if (!source.CheckGiven(failure))
+        exitCode = kExitBadInput;
+    if (exitCode == 0) {
         CLiveObject live(module, host);
         const MetaStatus openStatus = live.Open(command.identity, command.options);
         document["open"] = StatusOf(openStatus);
@@ -160,13 +196,10 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
                                            (catalogueStatus == MetaObj::MetaStatusOk ? "" : ", arguments are guessed"));
             }
             CCallSession session(live.Handler(), catalogueStatus == MetaObj::MetaStatusOk);
-            CCallSource source(command.calls);
-            std::wstring text;
-            while (exitCode == 0 && source.Next(text)) {
-                CallLine line;
-                std::string error;
-                if (!ParseCallLine(text, line, error)) {
-                    failure = Utf8(text) + ": " + error;
+            CallLine line;
+            CCallSource::Read read;
+            while (exitCode == 0 && (read = source.Next(line, failure)) != CCallSource::Read::End) {
+                if (read == CCallSource::Read::Bad) {
                     exitCode = kExitBadInput;
                     break;
                 }

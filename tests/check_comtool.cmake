@@ -1,6 +1,14 @@
 cmake_minimum_required(VERSION 3.20)
 # comtool through its Linux wrapper, as a user runs it.
 
+# Each run would otherwise start the prefix's server and its services, which
+# hold the output pipes, so each run would wait for them to end. One server,
+# kept a few seconds past the last run, with services that write to no pipe of
+# ours, serves every run. If the prefix's server already runs, it serves.
+execute_process(COMMAND ${CMAKE_COMMAND} -E env WINEPREFIX=${WINEPREFIX} wineserver -p5
+                INPUT_FILE /dev/null OUTPUT_FILE /dev/null ERROR_FILE /dev/null)
+execute_process(COMMAND ${COMTOOL} info INPUT_FILE /dev/null OUTPUT_FILE /dev/null ERROR_FILE /dev/null)
+
 function(run_tool expected_exit)
   execute_process(COMMAND ${COMTOOL} ${ARGN} OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
   if(NOT code EQUAL expected_exit)
@@ -85,3 +93,190 @@ foreach(args "--bogus" "identity" "frobnicate" "info;extra")
   endif()
 endforeach()
 run_tool(1 --module Z:\\nowhere\\missing.dll info)
+
+# --- call and describe --live: live objects of the platform ---
+
+function(expect_out fragment)
+  string(FIND "${out}" "${fragment}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "output lacks '${fragment}':\n${out}")
+  endif()
+endfunction()
+
+# One line on stderr, holding the fragment.
+function(expect_error_line fragment)
+  string(STRIP "${err}" line)
+  if(line STREQUAL "" OR line MATCHES "\n")
+    message(FATAL_ERROR "expected one line on stderr, got '${err}'")
+  endif()
+  string(FIND "${line}" "${fragment}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "stderr lacks '${fragment}': '${line}'")
+  endif()
+endfunction()
+
+# Rows "a.0.b=value" against the JSON output; "=<null>" asks for a JSON null.
+function(expect_json_rows)
+  foreach(row IN LISTS ARGN)
+    string(FIND "${row}" "=" cut)
+    string(SUBSTRING "${row}" 0 ${cut} path)
+    math(EXPR rest "${cut} + 1")
+    string(SUBSTRING "${row}" ${rest} -1 expected)
+    string(REPLACE "." ";" path "${path}")
+    if(expected STREQUAL "<null>")
+      string(JSON value ERROR_VARIABLE problem TYPE "${out}" ${path})
+      set(expected "NULL")
+    else()
+      string(JSON value ERROR_VARIABLE problem GET "${out}" ${path})
+    endif()
+    if(NOT problem STREQUAL "NOTFOUND" OR NOT value STREQUAL expected)
+      message(FATAL_ERROR "JSON ${row}: got '${value}' ${problem}\n${out}")
+    endif()
+  endforeach()
+endfunction()
+
+# Scripting.Dictionary: arguments typed from the catalogue (a Variant key goes as
+# text, CompareMode is an enumeration that takes its names), explicit types
+# that come back as what they went in as, and the record of every call.
+run_tool(0 --json call COM://Scripting.Dictionary
+  "Set:CompareMode TextCompare" "Invoke:Add apple 3" "Invoke:Exists APPLE" "Get:Count" "Get:Item apple"
+  "Set:Item apple \"five and a half\"" "Get:Item Apple" "Get:CompareMode"
+  "Invoke:Add int:1 real:2.5" "Invoke:Exists int:1" "Invoke:Exists 1" "Get:Item int:1"
+  "Invoke:Add cy cy:12.50" "Get:Item cy" "Invoke:Add d date:2024-01-02" "Get:Item d"
+  "Invoke:Add ch char:A" "Get:Item ch" "Invoke:Add b bool:true" "Get:Item b" "Invoke:Add n null" "Get:Item n")
+expect_json_rows(
+  "open.name=Ok" "catalogue.name=Ok" "failure=" "handles=0" "handlersInUse=0"
+  "calls.0.key=Set:CompareMode" "calls.0.typedBy=catalogue" "calls.0.arguments.0.metaType=Enum"
+  "calls.0.arguments.0.text=1" "calls.0.arguments.0.name=CompareMode" "calls.0.result=<null>"
+  "calls.1.status.name=Ok" "calls.1.status.code=0" "calls.1.record.code=1"
+  "calls.1.record.description=COM Method call succeeded" "calls.1.record.source="
+  "calls.1.arguments.1.metaType=String" "calls.1.arguments.1.signature=VT_VARIANT|VT_PTR" "calls.1.arguments.1.text=3"
+  "calls.2.result.text=true" "calls.2.result.metaType=Bool"
+  "calls.3.result.text=1" "calls.3.result.metaType=Int" "calls.3.result.class=CMetaObjectInt"
+  "calls.4.result.text=3" "calls.4.result.class=CMetaObjectString"
+  "calls.6.result.text=five and a half"
+  "calls.7.result.text=1" "calls.7.result.enumName=TextCompare"
+  "calls.8.arguments.0.signature=VT_I4" "calls.8.arguments.1.signature=VT_R8"
+  "calls.9.result.text=true" "calls.10.result.text=false"
+  "calls.11.result.metaType=Real" "calls.11.result.text=2.500000"
+  "calls.12.arguments.1.signature=VT_CY" "calls.13.result.metaType=Currency" "calls.13.result.text=12.5"
+  "calls.14.arguments.1.signature=VT_DATE" "calls.15.result.class=CMetaObjectDate"
+  "calls.16.arguments.1.signature=VT_UI1" "calls.17.result.metaType=Char" "calls.17.result.text=A"
+  "calls.18.arguments.1.signature=VT_BOOL" "calls.19.result.text=true"
+  "calls.20.arguments.1.metaType=Object" "calls.21.result.metaType=Unknown")
+string(JSON date GET "${out}" calls 15 result text)
+if(NOT date MATCHES "2024")
+  message(FATAL_ERROR "a date that went in as 2024-01-02 came back as '${date}'")
+endif()
+
+# Scripting.FileSystemObject, as text: a returned folder becomes @1 and its
+# properties are read through it; a file's date comes back as a date. (Under
+# Wine a folder answers its dates with E_NOTIMPL.)
+run_tool(0 call COM://Scripting.FileSystemObject "Invoke:GetFolder C:\\windows" "@1 Get:Name"
+  "Invoke:GetFile C:\\windows\\win.ini" "@2 Get:DateLastModified" "@2 Get:Size")
+expect_out("catalogue:         Ok (0)")
+expect_out("> Invoke:GetFolder C:\\windows\nstatus:            Ok (0)\nrecord:            code 1, source \"\", description \"COM Method call succeeded\"\nresult:            @1  [Object, CMetaObjectObject]")
+expect_out("> @1 Get:Name\nstatus:            Ok (0)\nrecord:            code 1, source \"\", description \"COM Method call succeeded\"\nresult:            \"windows\"  [String, CMetaObjectString]")
+expect_out("result:            @2  [Object, CMetaObjectObject]")
+expect_out("  [Date, CMetaObjectDate]")
+
+# MSXML: handles as targets and as arguments, a null object in and out,
+# guessed arguments where a returned object has no catalogue.
+run_tool(0 --json call COM://MSXML2.DOMDocument.6.0 "Invoke:loadXML <root/>" "Get:documentElement"
+  "@1 Get:nodeName" "Invoke:createElement child" "@1 Invoke:insertBefore @2 null" "@1 Invoke:setAttribute n 5"
+  "@1 Invoke:getAttribute n" "@1 Invoke:selectSingleNode missing" "Get:xml")
+expect_json_rows(
+  "calls.0.result.text=true" "calls.1.result.handle=@1" "calls.1.result.text=@1"
+  "calls.2.target=@1" "calls.2.typedBy=guess" "calls.2.result.text=root"
+  "calls.3.result.handle=@2" "calls.4.arguments.0.handle=@2" "calls.4.arguments.1.text=null"
+  "calls.4.result.handle=@3" "calls.5.arguments.1.metaType=Int" "calls.5.arguments.1.signature=VT_I4"
+  "calls.6.result.text=5" "calls.7.result.metaType=Object" "calls.7.result.handle=<null>"
+  "handles=3" "handlersInUse=0")
+string(JSON xml GET "${out}" calls 8 result text)
+if(NOT xml MATCHES "<root n=\"5\">[\r\n\t]*<child/>")
+  message(FATAL_ERROR "the document did not take the calls: '${xml}'")
+endif()
+
+# VBScript.RegExp by class and by moniker. The identity of the moniker run names
+# no class, so its catalogue can only have come from the live object.
+foreach(way "COM://VBScript.RegExp" "COM://RegExpByMoniker;--moniker;new:VBScript.RegExp")
+  run_tool(0 --json call ${way} "Set:Pattern ^a.c$" "Invoke:Test abc" "Invoke:Test abd" "Get:Pattern")
+  expect_json_rows("catalogue.name=Ok" "calls.0.typedBy=catalogue" "calls.1.result.text=true"
+                   "calls.2.result.text=false" "calls.3.result.text=^a.c$")
+endforeach()
+
+# What can't be described at design time can be once the object runs.
+run_tool(0 --json describe --live COM://VBScript.RegExp)
+expect_json_rows("live=ON" "open.name=Ok" "status.name=Ok" "object.registered=ON")
+foreach(key "Invoke:Test" "Set:Pattern" "Get:Global")
+  expect_out("\"key\": \"${key}\"")
+endforeach()
+run_tool(1 describe --live COM://No.Such.Class)
+expect_out("cannot open:       status NoObject (3)")
+run_tool(2 describe --moniker new:VBScript.RegExp COM://VBScript.RegExp)
+
+# A session replayed from standard input: comments and blank lines skipped,
+# optional arguments left out with -, an enumeration named on a second object.
+file(WRITE ${WORK_DIR}/comtool-replay.txt [[
+# write a line, read it back, remove the file
+Invoke:CreateTextFile C:\windows\temp\comtool-replay.txt true
+@1 Invoke:WriteLine "hello there"
+
+   @1 Invoke:Close
+Invoke:OpenTextFile C:\windows\temp\comtool-replay.txt ForReading - -
+@2 Invoke:ReadLine
+@2 Invoke:Close
+Invoke:DeleteFile C:\windows\temp\comtool-replay.txt -
+Invoke:FileExists C:\windows\temp\comtool-replay.txt
+]])
+execute_process(COMMAND ${COMTOOL} --json call COM://Scripting.FileSystemObject -
+  INPUT_FILE ${WORK_DIR}/comtool-replay.txt OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
+if(NOT code EQUAL 0)
+  message(FATAL_ERROR "replay: exit ${code}\n${out}\n${err}")
+endif()
+expect_json_rows("calls.2.call=@1 Invoke:Close" "calls.3.arguments.1.metaType=Enum" "calls.3.arguments.1.text=1"
+                 "calls.3.arguments.2.omitted=ON" "calls.4.result.text=hello there" "calls.7.result.text=false"
+                 "handlersInUse=0")
+string(JSON count LENGTH "${out}" calls)
+if(NOT count EQUAL 8)
+  message(FATAL_ERROR "replay ran ${count} calls, expected 8:\n${out}")
+endif()
+
+# The run stops at the first call that fails: the third never runs.
+run_tool(1 --json call COM://Scripting.Dictionary "Invoke:Add a 1" "Invoke:Add a 1" "Get:Count")
+expect_json_rows("calls.1.status.name=InvokeFailed" "calls.1.record.code=65535" "handlersInUse=0")
+string(JSON count LENGTH "${out}" calls)
+if(NOT count EQUAL 2)
+  message(FATAL_ERROR "calls went on after a failure:\n${out}")
+endif()
+expect_error_line("Invoke:Add failed: status InvokeFailed (7), code 65535, source \"\", description \"\"")
+
+# Bad input: one line on stderr each. A call the object or the module refuses
+# exits 1; a call that can't be built from its text exits 2, before anything runs.
+set(bad_calls
+  "1|Invoke:Nope failed: status InvokeFailed (7), code 0, source \"\", description \"\" (no such member in the catalogue)|Invoke:Nope"
+  "1|Set:CompareMode failed: status InvokeFailed (7), code 65535, source \"Parameter Validation Error\", description \"Illegal enum value\"|Set:CompareMode 7"
+  "2|argument 1 (CompareMode): \"Nope\" is no value of CompareMethod (BinaryCompare, TextCompare, DatabaseCompare)|Set:CompareMode Nope"
+  "2|Invoke:Add 1 2 3: takes 2 arguments, 3 given|Invoke:Add 1 2 3"
+  "2|Invoke:Add 1: argument 2 (Item) is missing|Invoke:Add 1"
+  "2|argument 2 (Item): the parameter is not optional|Invoke:Add a -"
+  "2|argument 1 (Key): \"notadate\" is no date|Invoke:Add date:notadate 1"
+  "2|argument 1 (Key): \"12x\" is no 32-bit integer|Invoke:Add int:12x 1"
+  "2|there is no handle @4|@4 Get:Count"
+  "2|Get:Item \"apple: unterminated quote|Invoke:Add a 1|Get:Item \"apple"
+  "2|Count: a call begins with a method key such as Invoke:Add or Get:Count|Count")
+foreach(row IN LISTS bad_calls)
+  string(REPLACE "|" ";" fields "${row}")
+  list(POP_FRONT fields expected_exit fragment)
+  run_tool(${expected_exit} call COM://Scripting.Dictionary ${fields})
+  expect_error_line("${fragment}")
+endforeach()
+# A call line that can't be read stops the run before the object is made.
+if(NOT out STREQUAL "")
+  message(FATAL_ERROR "a call that can't be read still opened the object:\n${out}")
+endif()
+
+run_tool(1 call COM://No.Such.Class Get:Count)
+expect_error_line("cannot open COM://No.Such.Class: status NoObject (3)")
+run_tool(1 call --running COM://Scripting.Dictionary Get:Count)
+expect_error_line("cannot open COM://Scripting.Dictionary: status NoObject (3)")
