@@ -170,8 +170,9 @@ bool SetValueFromText(CMetaObjectItem* item, const std::wstring& text, std::stri
         }
         return true;
     case MetaTypeChar:
-        if (text.size() != 1) {
-            error = shown + " is not one character";
+        // A character goes out as one byte.
+        if (text.size() != 1 || text[0] > 0xFF) {
+            error = shown + " is not one character of one byte";
             return false;
         }
         static_cast<CMetaObjectChar*>(item)->value = text[0];
@@ -397,6 +398,44 @@ std::string EnumName(CMetaObjectItem* item, const CTypeDesc* declared)
     return "";
 }
 
+constexpr const wchar_t* kRefPrefix = L"ref:";
+constexpr std::size_t kRefPrefixLength = 4;
+
+// "ref:" sends a value by reference as in/out and shows what comes back: the
+// way to reach by-reference parameters of members that have no catalogue. An
+// untyped value goes as a Variant holding text, which any such parameter takes.
+bool BuildInOut(const CallToken& token, const ParamShape* param, const ArgumentContext& context, ToolItem& out,
+                std::string& error)
+{
+    CallToken value = token;
+    value.text.erase(0, kRefPrefixLength);
+    value.plainLead -= kRefPrefixLength;
+    if (value.IsPlain(L"-") || value.IsPlain(L"null") || (!value.quoted && !value.text.empty() && value.text[0] == L'@')) {
+        error = "ref: takes a value, not an object or a left-out argument";
+        return false;
+    }
+    ToolItem item;
+    if (!param && !ExplicitTypeOf(value)) {
+        item.reset(new CMetaObjectString);
+        static_cast<CMetaObjectString*>(item.get())->value = CMetaString(value.text.c_str());
+        item->GetTypeDesc().signature = CMetaString(L"VT_VARIANT");
+    } else if (!BuildArgument(value, param, context, item, error)) {
+        return false;
+    }
+    CTypeDesc& type = item->GetTypeDesc();
+    if (type.bounds || type.type == MetaTypeStruct || type.type == MetaTypeObject) {
+        error = "ref: takes a value, not an object or a compound";
+        return false;
+    }
+    if (type.isByRef != 1 || type.signature.Find(L"|") < 0) {
+        type.signature.Append(L"|VT_BYREF");
+        type.isByRef = 1;
+    }
+    item->SetDirection(2);
+    out = std::move(item);
+    return true;
+}
+
 }  // namespace
 
 void ReleaseObjectUses(CMetaObjectItem* item)
@@ -462,6 +501,8 @@ void CHandleTable::Clear()
 bool BuildArgument(const CallToken& token, const ParamShape* param, const ArgumentContext& context, ToolItem& out,
                    std::string& error)
 {
+    if (token.plainLead >= kRefPrefixLength && _wcsnicmp(token.text.c_str(), kRefPrefix, kRefPrefixLength) == 0)
+        return BuildInOut(token, param, context, out, error);
     if (token.IsPlain(L"-"))
         return BuildOmitted(param, out, error);
     if (token.IsPlain(L"null") || (!token.quoted && !token.text.empty() && token.text[0] == L'@'))

@@ -41,7 +41,9 @@ Arguments are typed from the object's catalogue; an enumeration also takes its
 named values. A prefix gives a type explicitly: int:5 real:2.5 text:hello
 bool:true char:A date:2024-01-02 cy:12.50 enum:1; null is no object, and -
 leaves an optional argument out. A parameter of type Variant receives text
-unless a prefix says otherwise. Where there is no catalogue (objects that calls
+unless a prefix says otherwise. ref: in front of a value sends it by reference
+as in/out and shows what comes back (ref:21 goes as a Variant holding text,
+ref:int:21 as an Int). Where there is no catalogue (objects that calls
 return), untyped arguments are guessed: a whole number is an Int, a number with
 a point or exponent a Real, true or false a Bool, anything else and anything
 quoted is text.

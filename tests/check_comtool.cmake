@@ -205,6 +205,15 @@ foreach(way "COM://VBScript.RegExp" "COM://RegExpByMoniker;--moniker;new:VBScrip
                    "calls.2.result.text=false" "calls.3.result.text=^a.c$")
 endforeach()
 
+# In/out parameters as written back: a script's by-reference arguments, which no
+# catalogue describes, marked with ref:.
+run_tool(0 --json call COM://MSScriptControl.ScriptControl "Set:Language VBScript"
+  "Invoke:AddCode \"Sub Twice(ByRef n, ByRef note) : n = n * 2 : note = \\\"doubled \\\" & note : End Sub\""
+  "Get:CodeObject" "@1 Invoke:Twice ref:21 ref:once")
+expect_json_rows("calls.3.arguments.0.text=21" "calls.3.arguments.0.signature=VT_VARIANT|VT_BYREF"
+                 "calls.3.outParams.0.direction=inout" "calls.3.outParams.0.text=42"
+                 "calls.3.outParams.1.index=1" "calls.3.outParams.1.text=doubled once" "handlersInUse=0")
+
 # What can't be described at design time can be once the object runs.
 run_tool(0 --json describe --live COM://VBScript.RegExp)
 expect_json_rows("live=ON" "open.name=Ok" "status.name=Ok" "object.registered=ON")
@@ -262,6 +271,7 @@ set(bad_calls
   "2|argument 2 (Item): the parameter is not optional|Invoke:Add a -"
   "2|argument 1 (Key): \"notadate\" is no date|Invoke:Add date:notadate 1"
   "2|argument 1 (Key): \"12x\" is no 32-bit integer|Invoke:Add int:12x 1"
+  "2|argument 1 (Key): ref: takes a value, not an object or a left-out argument|Invoke:Add ref:null 1"
   "2|there is no handle @4|@4 Get:Count"
   "2|Get:Item \"apple: unterminated quote|Invoke:Add a 1|Get:Item \"apple"
   "2|Count: a call begins with a method key such as Invoke:Add or Get:Count|Count")
