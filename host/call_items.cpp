@@ -124,7 +124,8 @@ bool EnumValueOf(const CTypeDesc& type, const std::wstring& text, std::int32_t& 
             names += (names.empty() ? "" : ", ") + Utf8(entry->name);
         }
     }
-    error = "\"" + Utf8(text) + "\" is no value of " + (type.typeName.IsEmpty() ? "the enumeration" : Utf8(type.typeName)) +
+    const std::string typeName = type.typeName.IsEmpty() ? "the enumeration" : Utf8(type.typeName);
+    error = "\"" + Utf8(text) + "\" is no value of " + typeName +
             (names.empty() ? "" : " (" + names + ")");
     return false;
 }
@@ -410,7 +411,8 @@ bool BuildInOut(const CallToken& token, const ParamShape* param, const ArgumentC
     CallToken value = token;
     value.text.erase(0, kRefPrefixLength);
     value.plainLead -= kRefPrefixLength;
-    if (value.IsPlain(L"-") || value.IsPlain(L"null") || (!value.quoted && !value.text.empty() && value.text[0] == L'@')) {
+    const bool handle = !value.quoted && !value.text.empty() && value.text[0] == L'@';
+    if (value.IsPlain(L"-") || value.IsPlain(L"null") || handle) {
         error = "ref: takes a value, not an object or a left-out argument";
         return false;
     }

@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -60,7 +59,8 @@ void AddOpenOptions(CLI::App& command, Tool::OpenOptions& options, CLI::Option* 
         if (needs != nullptr)
             option->needs(needs);
     };
-    add(command.add_option("--moniker", options.moniker, "open by this moniker display name, such as new:VBScript.RegExp"));
+    add(command.add_option("--moniker", options.moniker,
+                           "open by this moniker display name, such as new:VBScript.RegExp"));
     add(command.add_flag("--running", options.running, "attach to a running object of the class"));
     add(command.add_option("--host", options.host, "machine for the class, unless the identity names one"));
     add(command.add_option("--user", options.user, "user name for a remote machine"));
@@ -236,7 +236,8 @@ json DescribeClass(CHandlerModule& module, const std::string& text)
 
 // The same of a live object: the catalogue then comes from the object where no
 // library describes its class.
-json DescribeLive(CHandlerModule& module, CReferenceHost& host, const std::string& text, const Tool::OpenOptions& options)
+json DescribeLive(CHandlerModule& module, CReferenceHost& host, const std::string& text,
+                  const Tool::OpenOptions& options)
 {
     Tool::CLiveObject live(module, host);
     const MetaObj::MetaStatus openStatus = live.Open(text, options);
@@ -293,7 +294,8 @@ void PrintClass(const json& described)
         PrintRow((row["label"].get<std::string>() + ":").c_str(), row["value"]);
     const json& status = described["status"];
     if (described.contains("open") && described["open"]["name"] != "Ok") {
-        PrintRow("cannot open:", "status " + Tool::StatusText(static_cast<MetaObj::MetaStatus>(described["open"]["code"].get<std::uint32_t>())));
+        const auto openStatus = static_cast<MetaObj::MetaStatus>(described["open"]["code"].get<std::uint32_t>());
+        PrintRow("cannot open:", "status " + Tool::StatusText(openStatus));
         return;
     }
     if (status["name"] != "Ok") {
@@ -352,7 +354,8 @@ int main(int argc, char** argv)
     CLI::App* call = app.add_subcommand("call", "open an object and call its members");
     call->add_option("identity", callCommand.identity, "identity string, such as COM://Scripting.Dictionary")
         ->required();
-    call->add_option("calls", callCommand.calls, "calls in order, such as \"Invoke:Add apple 3\", or - for standard input")
+    call->add_option("calls", callCommand.calls,
+                     "calls in order, such as \"Invoke:Add apple 3\", or - for standard input")
         ->required();
     AddOpenOptions(*call, callCommand.options, nullptr);
     call->footer(kCallHelp);
@@ -380,8 +383,9 @@ int main(int argc, char** argv)
     } else if (*identity) {
         Emit(DescribeIdentity(session.Module(), identityText), asJson, PrintIdentity);
     } else if (*describe) {
-        const json described = describeLive ? DescribeLive(session.Module(), session.Host(), describeText, describeOptions)
-                                            : DescribeClass(session.Module(), describeText);
+        const json described = describeLive
+                                   ? DescribeLive(session.Module(), session.Host(), describeText, describeOptions)
+                                   : DescribeClass(session.Module(), describeText);
         Emit(described, asJson, PrintClass);
         // A class that can't be described is a failure a script can test for.
         return described["status"]["name"] == "Ok" ? 0 : kExitFailure;

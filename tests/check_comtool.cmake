@@ -14,6 +14,10 @@ function(run_tool expected_exit)
   if(NOT code EQUAL expected_exit)
     message(FATAL_ERROR "comtool ${ARGN}: exit ${code}, expected ${expected_exit}\nstdout: ${out}\nstderr: ${err}")
   endif()
+  # Run with WINEDEBUG=-all,warn+heap, this also catches double frees.
+  if(code EQUAL 0 AND NOT err STREQUAL "")
+    message(FATAL_ERROR "comtool ${ARGN}: succeeded, but said on stderr: ${err}")
+  endif()
   set(out "${out}" PARENT_SCOPE)
   set(err "${err}" PARENT_SCOPE)
 endfunction()
@@ -240,7 +244,7 @@ Invoke:FileExists C:\windows\temp\comtool-replay.txt
 ]])
 execute_process(COMMAND ${COMTOOL} --json call COM://Scripting.FileSystemObject -
   INPUT_FILE ${WORK_DIR}/comtool-replay.txt OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
-if(NOT code EQUAL 0)
+if(NOT code EQUAL 0 OR NOT err STREQUAL "")
   message(FATAL_ERROR "replay: exit ${code}\n${out}\n${err}")
 endif()
 expect_json_rows("calls.2.call=@1 Invoke:Close" "calls.3.arguments.1.metaType=Enum" "calls.3.arguments.1.text=1"
