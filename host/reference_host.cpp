@@ -6,6 +6,7 @@
 
 #include "identity/object_identity.h"
 #include "metaobj/records.h"
+#include "plugin/handler_base.h"
 
 namespace {
 
@@ -68,6 +69,33 @@ std::vector<std::string> CReferenceHost::AccessRequests() const
 {
     Lock hold(section);
     return accessRequests;
+}
+
+std::size_t CReferenceHost::FreeReleasedHandlers(FreeHandlerObjectFn freeHandler)
+{
+    std::vector<MetaObj::CMetaObjectHandler*> released;
+    {
+        Lock hold(section);
+        auto unused = std::stable_partition(registrations.begin(), registrations.end(), [](const Registration& entry) {
+            return entry.handler->GetUseCount() != 0;
+        });
+        for (auto at = unused; at != registrations.end(); ++at)
+            released.push_back(at->handler);
+        registrations.erase(unused, registrations.end());
+    }
+    // Freed outside the lock: a handler's destructor may release objects whose
+    // own handlers register or release in turn.
+    for (MetaObj::CMetaObjectHandler* handler : released)
+        freeHandler(handler);
+    return released.size();
+}
+
+void CReferenceHost::Forget(MetaObj::CMetaObjectHandler* handler)
+{
+    Lock hold(section);
+    registrations.erase(std::remove_if(registrations.begin(), registrations.end(),
+                                       [&](const Registration& entry) { return entry.handler == handler; }),
+                        registrations.end());
 }
 
 bool CReferenceHost::RegisterHandler(void* context, MetaObj::CMetaObjectHandler* handler, HINSTANCE module)

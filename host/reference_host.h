@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "metaobj/records.h"
+#include "plugin/exports.h"
 
 #include "plugin/host_environment.h"
 
@@ -29,6 +30,14 @@ public:
     MetaObj::CHandlerEnvironment* Table() { return &table; }
 
     std::vector<Registration> Registrations() const;
+
+    // A host frees a handler once all its uses are gone: handlers the module
+    // made for returned objects as well as its own. Frees every registered
+    // handler whose use count is 0 through the module's FreeHandlerObject, and
+    // forgets it; returns how many went.
+    std::size_t FreeReleasedHandlers(FreeHandlerObjectFn freeHandler);
+    // For a handler the host frees itself: it is no longer looked at.
+    void Forget(MetaObj::CMetaObjectHandler* handler);
 
     // Access policy: everything is allowed until a program identifier is denied.
     // Names are matched without regard to case, as the registry matches them.

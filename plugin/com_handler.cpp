@@ -7,6 +7,7 @@
 #include "discovery/object_rows.h"
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
+#include "invoke/method_invoke.h"
 #include "metaobj/records.h"
 #include "plugin/host_environment.h"
 #include "resources/string_ids.h"
@@ -53,17 +54,17 @@ bool ReadDcomEnabled()
     return DcomEnabledFromValue(value, size);
 }
 
+CMetaObjectCOMHandler* NewRegisteredHandler()
+{
+    auto* handler = new CMetaObjectCOMHandler;
+    HostRegisterHandler(handler, ModuleHandle());
+    return handler;
+}
+
 CMetaObjectCOMHandler::CMetaObjectCOMHandler()
 {
     // Every new handler reads the machine's setting afresh.
     dcomEnabled = ReadDcomEnabled();
-}
-
-MetaStatus CMetaObjectCOMHandler::OpenObject(const char*, CObjectOpenParams*)
-{
-    ClearErrorText(this);
-    // Placeholder until object creation is built: no object can come of it yet.
-    return MetaStatusNoObject;
 }
 
 MetaStatus CMetaObjectCOMHandler::CloseObject()
@@ -313,35 +314,49 @@ MetaStatus CMetaObjectCOMHandler::GetTypeSignature(const CMetaString& typeWord, 
     return SignatureOfTypeWord(typeWord, signature, byRef) ? MetaStatusOk : MetaStatusBadType;
 }
 
-// Placeholders until method calls are built: no call object is ever made, so a
-// slot only ever holds null.
-MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, const CMetaString&)
+MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, const CMetaString& methodKey)
 {
     ClearErrorText(this);
-    if (invoke != nullptr)
+    if (invoke == nullptr)
+        return MetaStatusNoMemory;
+    FreeMethodInvoke(invoke);
+    try {
+        *invoke = new CCOMMethodInvoke(object, methodKey);
+    } catch (...) {
         *invoke = nullptr;
-    return MetaStatusNoMemory;
+        return MetaStatusNoMemory;
+    }
+    return MetaStatusOk;
 }
 
-MetaStatus CMetaObjectCOMHandler::SetInvokeParams(CCOMMethodInvoke**, CItemList&)
+MetaStatus CMetaObjectCOMHandler::SetInvokeParams(CCOMMethodInvoke** invoke, CItemList& params)
 {
-    return MetaStatusInvokeFailed;
+    if (invoke == nullptr || *invoke == nullptr)
+        return MetaStatusInvokeFailed;
+    return (*invoke)->SetParams(params);
 }
 
-MetaStatus CMetaObjectCOMHandler::SetInvokeResultType(CCOMMethodInvoke**, const CTypeDesc&)
+MetaStatus CMetaObjectCOMHandler::SetInvokeResultType(CCOMMethodInvoke** invoke, const CTypeDesc& resultType)
 {
-    return MetaStatusInvokeFailed;
+    if (invoke == nullptr || *invoke == nullptr)
+        return MetaStatusInvokeFailed;
+    return (*invoke)->SetResultType(resultType);
 }
 
-MetaStatus CMetaObjectCOMHandler::ExecuteInvoke(CCOMMethodInvoke**, CMethodInvokeStatus*, CMetaObjectItem**)
+MetaStatus CMetaObjectCOMHandler::ExecuteInvoke(CCOMMethodInvoke** invoke, CMethodInvokeStatus* status,
+                                                CMetaObjectItem** result)
 {
-    return MetaStatusInvokeFailed;
+    if (invoke == nullptr || *invoke == nullptr)
+        return MetaStatusInvokeFailed;
+    return (*invoke)->Execute(status, result);
 }
 
 void CMetaObjectCOMHandler::FreeMethodInvoke(CCOMMethodInvoke** invoke)
 {
-    if (invoke != nullptr)
+    if (invoke != nullptr) {
+        delete *invoke;
         *invoke = nullptr;
+    }
     ClearErrorText(this);
 }
 

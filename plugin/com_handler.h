@@ -8,6 +8,8 @@
 
 #include "plugin/handler_base.h"
 
+class CCOMIdentity;
+
 class CMetaObjectCOMHandler : public MetaObj::CMetaObjectHandler {
 public:
     using MetaStatus = MetaObj::MetaStatus;
@@ -70,11 +72,20 @@ private:
     // Reads the class's type information into the host's table for identity.
     MetaStatus FillCatalogue();
 
+    // The steps of OpenObject; each gives one IDispatch reference or null.
+    bool CheckAccess(const char* identityText);
+    IDispatch* GetObjectFromMoniker(const wchar_t* displayName);
+    IDispatch* GetRunningObject(const CLSID& classId);
+    IDispatch* CreateFromFactory(const CCOMIdentity& local, const MetaObj::CObjectOpenParams* params);
+
 public:
 
     bool dcomEnabled = false;  // read once, at construction
     IDispatch* object = nullptr;
 };
+
+// A new handler as GetHandlerObject gives it: one use, no object, registered with the host.
+CMetaObjectCOMHandler* NewRegisteredHandler();
 
 // The machine's "EnableDCOM" setting under HKEY_LOCAL_MACHINE\Software\Microsoft\OLE.
 bool ReadDcomEnabled();

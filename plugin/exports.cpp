@@ -39,9 +39,7 @@ MetaObj::CMetaObjectHandlerInfo* GetHandlerInfo()
 
 MetaObj::CMetaObjectHandler* GetHandlerObject()
 {
-    auto* handler = new CMetaObjectCOMHandler;
-    MetaObj::HostRegisterHandler(handler, ModuleHandle());
-    return handler;
+    return NewRegisteredHandler();
 }
 
 void FreeHandlerObject(MetaObj::CMetaObjectHandler* handler)

@@ -125,8 +125,7 @@ TEST(HandlerTest, FailedOpenLeavesTheHandlerAsItWas)
     CObjectIdentity identity;
     identity.SetText("COM://Kept.Object");
     handler.SetIdentity(identity);
-    // Object creation comes later; until then every open finds no object.
-    EXPECT_EQ(handler.Open("COM://Scripting.Dictionary", nullptr), MetaStatusNoObject);
+    EXPECT_EQ(handler.Open("COM://No.Such.Class", nullptr), MetaStatusNoObject);
     EXPECT_EQ(handler.openObjectCalls, 1);
     EXPECT_EQ(handler.openedCalls, 0);
     EXPECT_FALSE(handler.IsOpen());

@@ -1,0 +1,484 @@
+// Items to VARIANTs: each argument of a call becomes one VARIANT, chosen by the
+// item's signature; by-reference arguments get a cell of their own.
+
+#include <windows.h>
+#include <oleauto.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <iterator>
+#include <new>
+#include <string>
+
+#include "discovery/type_names.h"
+#include "identity/com_identity.h"
+#include "invoke/method_invoke.h"
+#include "invoke/variant_owner.h"
+#include "metaobj/compound_items.h"
+#include "metaobj/scalar_items.h"
+#include "plugin/platform_handles.h"
+
+using namespace MetaObj;
+
+namespace {
+
+// What a row writes. The item class a row expects is checked, so an item of
+// the wrong class for its signature gets no translation instead of a misread.
+enum class Put {
+    Byte,
+    Short,
+    Long,
+    Float,
+    Double,
+    Bool,
+    Bstr,
+    Currency,
+    Date,
+    Object,
+    Record,
+    Variant,
+};
+
+struct Row {
+    const wchar_t* names[4];
+    Put put;
+};
+
+// By value the signature must equal a name; by reference it must contain one.
+// The first row that fits decides.
+constexpr Row kByValueRows[] = {
+    {{L"VT_I1", L"VT_UI1"}, Put::Byte},
+    {{L"VT_I2", L"VT_UI2"}, Put::Short},
+    {{L"VT_I4", L"VT_UI4", L"VT_INT", L"VT_UINT"}, Put::Long},
+    {{L"VT_R4"}, Put::Float},
+    {{L"VT_R8"}, Put::Double},
+    {{L"VT_BOOL"}, Put::Bool},
+    {{L"VT_BSTR"}, Put::Bstr},
+    {{L"VT_CY"}, Put::Currency},
+    {{L"VT_DATE"}, Put::Date},
+    {{L"VT_DISPATCH"}, Put::Object},
+    {{L"VT_RECORD"}, Put::Record},
+    {{L"VT_UNKNOWN"}, Put::Object},
+    {{L"VT_ERROR", L"VT_USERDEFINED"}, Put::Long},
+};
+
+constexpr Row kByReferenceRows[] = {
+    {{L"VT_I1", L"VT_UI1"}, Put::Byte},
+    {{L"VT_I2", L"VT_UI2"}, Put::Short},
+    {{L"VT_I4", L"VT_UI4", L"VT_INT", L"VT_UINT"}, Put::Long},
+    {{L"VT_R4"}, Put::Float},
+    {{L"VT_R8"}, Put::Double},
+    {{L"VT_BOOL"}, Put::Bool},
+    {{L"VT_BSTR"}, Put::Bstr},
+    {{L"VT_CY"}, Put::Currency},
+    {{L"VT_DATE"}, Put::Date},
+    {{L"VT_RECORD"}, Put::Record},
+    {{L"VT_DISPATCH", L"VT_UNKNOWN"}, Put::Object},
+    {{L"VT_ERROR"}, Put::Long},
+    {{L"VT_USERDEFINED"}, Put::Long},
+    {{L"VT_VARIANT"}, Put::Variant},
+};
+
+constexpr wchar_t kNullObjectTag[] = L"<@NULLOBJECT>";
+
+const Row* FindRow(const Row* rows, std::size_t count, const wchar_t* signature, bool contains)
+{
+    for (std::size_t at = 0; at < count; ++at) {
+        for (const wchar_t* name : rows[at].names) {
+            if (name == nullptr)
+                break;
+            if (contains ? std::wcsstr(signature, name) != nullptr : std::wcscmp(signature, name) == 0)
+                return &rows[at];
+        }
+    }
+    return nullptr;
+}
+
+// The 32-bit value of the items that carry one as a number.
+bool Int32Of(CMetaObjectItem* item, LONG& out)
+{
+    if (auto* number = dynamic_cast<CMetaObjectInt*>(item)) {
+        out = number->value;
+        return true;
+    }
+    if (auto* enumeration = dynamic_cast<CMetaObjectEnum*>(item)) {
+        out = enumeration->value;
+        return true;
+    }
+    return false;
+}
+
+const wchar_t* TextOf(const CMetaString& text)
+{
+    return text.IsEmpty() ? L"" : text.GetWide();
+}
+
+void* NewCell(std::size_t size)
+{
+    void* cell = std::calloc(1, size);
+    if (cell == nullptr)
+        throw std::bad_alloc();
+    return cell;
+}
+
+template <typename T>
+T* NewCellOf(T value)
+{
+    T* cell = static_cast<T*>(NewCell(sizeof(T)));
+    *cell = value;
+    return cell;
+}
+
+IDispatch* ObjectPointerOf(CMetaObjectObject& item)
+{
+    return item.handler ? item.handler->GetDispatchPointer() : nullptr;
+}
+
+// What an item gives as itself where a parameter takes any value: a text item
+// goes as text, as hosts expect of such parameters; numbers, flags and objects
+// go as their own type rather than failing.
+bool NaturalValue(CMetaObjectItem* item, VARIANT& out, bool ownReference)
+{
+    LONG number = 0;
+    if (auto* text = dynamic_cast<CMetaObjectString*>(item)) {
+        out.bstrVal = AllocBstr(TextOf(text->value), false);
+        out.vt = VT_BSTR;
+    } else if (Int32Of(item, number)) {
+        out.vt = VT_I4;
+        out.lVal = number;
+    } else if (auto* real = dynamic_cast<CMetaObjectReal*>(item)) {
+        out.vt = VT_R8;
+        out.dblVal = real->value;
+    } else if (auto* flag = dynamic_cast<CMetaObjectBool*>(item)) {
+        out.vt = VT_BOOL;
+        out.boolVal = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
+    } else if (auto* character = dynamic_cast<CMetaObjectChar*>(item)) {
+        out.vt = VT_UI1;
+        out.bVal = static_cast<BYTE>(character->value);
+    } else if (auto* object = dynamic_cast<CMetaObjectObject*>(item)) {
+        IDispatch* pointer = ObjectPointerOf(*object);
+        if (pointer && ownReference)
+            pointer->AddRef();
+        out.vt = VT_DISPATCH;
+        out.pdispVal = pointer;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+namespace MetaObj {
+
+BSTR AllocBstr(const wchar_t* text, bool emptyIsNull)
+{
+    if (text == nullptr || *text == 0) {
+        if (emptyIsNull)
+            return nullptr;
+        text = L"";
+    }
+    BSTR made = SysAllocString(text);
+    if (made == nullptr)
+        throw std::bad_alloc();  // the platform's E_OUTOFMEMORY
+    return made;
+}
+
+void ReleaseArgument(VARIANT& argument)
+{
+    const VARTYPE vt = argument.vt;
+    if (vt == (VT_RECORD | VT_BYREF)) {
+        // No cell: the record and its information stand in the VARIANT itself,
+        // and VariantClear would leave them; the call made them, so it frees them.
+        if (argument.pRecInfo) {
+            if (argument.pvRecord)
+                argument.pRecInfo->RecordDestroy(argument.pvRecord);
+            argument.pRecInfo->Release();
+        }
+    } else if (vt & VT_BYREF) {
+        void* cell = argument.byref;
+        if (cell) {
+            switch (vt & ~VT_BYREF) {
+            case VT_BSTR:
+                SysFreeString(*static_cast<BSTR*>(cell));
+                break;
+            case VT_VARIANT:
+                // Whatever stands in the cell now is the call's: what went out,
+                // or what the object put there in its place.
+                VariantClear(static_cast<VARIANT*>(cell));
+                break;
+            case VT_DISPATCH:
+            case VT_UNKNOWN:
+                // The call's own reference: taken on the way out, or the one the
+                // object handed back; a write-back that kept it nulled the cell.
+                if (IUnknown* object = *static_cast<IUnknown**>(cell))
+                    object->Release();
+                break;
+            default:
+                break;
+            }
+            std::free(cell);
+        }
+    } else if (vt == VT_DISPATCH || vt == VT_UNKNOWN) {
+        // Borrowed from the item's handler, which keeps its reference.
+    } else {
+        VariantClear(&argument);
+    }
+    argument.vt = VT_EMPTY;
+}
+
+}  // namespace MetaObj
+
+bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
+{
+    if (item == nullptr)
+        return false;
+    VariantInit(&out);
+    if (item->GetOptional() && item->GetOmitted()) {
+        out.vt = VT_ERROR;
+        out.scode = DISP_E_PARAMNOTFOUND;
+        return true;
+    }
+    const CTypeDesc& type = item->GetTypeDesc();
+    const std::int32_t direction = item->GetDirection();
+    if (type.bounds && (direction == 0 || direction == 2)) {
+        auto* array = dynamic_cast<CMetaObjectArray*>(item);
+        return array != nullptr && ArrayItemToVariant(array, out);
+    }
+    if (item->GetTagText().CompareNoCase(kNullObjectTag, 0) == 0) {
+        out.vt = VT_NULL;
+        return true;
+    }
+
+    VARTYPE vt = VarTypeFromSignature(type.signature.GetWide());
+    std::wstring signature = TextOf(type.signature);
+    if (type.type == MetaTypeEnum) {
+        vt = VT_I4;
+        signature = L"VT_I4";
+    }
+    if (_wcsicmp(signature.c_str(), L"VT_BYREF") == 0)
+        signature = L"VT_DISPATCH";
+    // A record out of a type library is signed like an object; a struct item
+    // has no handler to read, so it goes by the record road.
+    auto* record = dynamic_cast<CMetaObjectStruct*>(item);
+    if (record && type.type == MetaTypeStruct && signature == L"VT_DISPATCH") {
+        signature = L"VT_RECORD";
+        vt = VT_RECORD;
+    }
+    auto* object = dynamic_cast<CMetaObjectObject*>(item);
+    const bool byRef = type.isByRef == 1;
+
+    const Row* row = byRef ? FindRow(kByReferenceRows, std::size(kByReferenceRows), signature.c_str(), true)
+                           : FindRow(kByValueRows, std::size(kByValueRows), signature.c_str(), false);
+    if (!row && byRef && object && type.type == MetaTypeObject) {
+        // An object by reference under another signature still needs a pointer cell.
+        static constexpr Row kObjectCell = {{L"VT_DISPATCH"}, Put::Object};
+        row = &kObjectCell;
+        vt = VT_DISPATCH;
+    }
+    if (!row && !byRef) {
+        if (object && type.type == MetaTypeObject) {
+            out.vt = VT_DISPATCH;
+            out.pdispVal = ObjectPointerOf(*object);
+            return true;
+        }
+        if (auto* unknown = dynamic_cast<CMetaObjectUnknown*>(item); unknown && type.type == MetaTypeUnknown) {
+            // No cell is made by value, so a by-reference mark would send a
+            // number where the object reads an address.
+            out.vt = static_cast<VARTYPE>(vt & ~VT_BYREF);
+            out.ulVal = unknown->value;
+            return true;
+        }
+    }
+    if (!row && !byRef && signature == L"VT_VARIANT")
+        return NaturalValue(item, out, false);
+    if (!row)
+        return false;
+    if (byRef)
+        vt |= VT_BYREF;
+    else
+        vt &= ~VT_BYREF;
+
+    LONG number = 0;
+    switch (row->put) {
+    case Put::Byte: {
+        auto* character = dynamic_cast<CMetaObjectChar*>(item);
+        if (!character)
+            return false;
+        const auto low = static_cast<BYTE>(character->value);
+        if (byRef)
+            out.pbVal = NewCellOf(low);
+        else
+            out.bVal = low;
+        break;
+    }
+    case Put::Short: {
+        if (!Int32Of(item, number))
+            return false;
+        const auto low = static_cast<SHORT>(number);
+        if (byRef)
+            out.piVal = NewCellOf(low);
+        else
+            out.iVal = low;
+        break;
+    }
+    case Put::Long:
+        if (!Int32Of(item, number))
+            return false;
+        if (byRef)
+            out.plVal = NewCellOf(number);
+        else
+            out.lVal = number;
+        break;
+    case Put::Float:
+    case Put::Double: {
+        auto* real = dynamic_cast<CMetaObjectReal*>(item);
+        if (!real)
+            return false;
+        if (row->put == Put::Float) {
+            const auto narrow = static_cast<float>(real->value);
+            if (byRef)
+                out.pfltVal = NewCellOf(narrow);
+            else
+                out.fltVal = narrow;
+        } else if (byRef) {
+            out.pdblVal = NewCellOf(real->value);
+        } else {
+            out.dblVal = real->value;
+        }
+        break;
+    }
+    case Put::Bool: {
+        auto* flag = dynamic_cast<CMetaObjectBool*>(item);
+        if (!flag)
+            return false;
+        const VARIANT_BOOL value = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
+        if (byRef)
+            out.pboolVal = NewCellOf(value);
+        else
+            out.boolVal = value;
+        break;
+    }
+    case Put::Bstr: {
+        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        if (!text)
+            return false;
+        if (byRef) {
+            BSTR* cell = NewCellOf<BSTR>(nullptr);
+            out.pbstrVal = cell;
+            out.vt = vt;  // owned from here on, whatever the allocation below does
+            *cell = AllocBstr(TextOf(text->value), true);
+        } else {
+            out.bstrVal = AllocBstr(TextOf(text->value), false);
+        }
+        break;
+    }
+    case Put::Currency:
+    case Put::Date: {
+        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        if (!text)
+            return false;
+        // By value the system's locale reads the text, by reference the user's.
+        const LCID locale = byRef ? GetUserDefaultLCID() : LOCALE_SYSTEM_DEFAULT;
+        Bstr temporary(AllocBstr(text->value.GetWide(), true));
+        if (row->put == Put::Currency) {
+            CY amount{};
+            const HRESULT hr = VarCyFromStr(temporary.Get(), locale, LOCALE_NOUSEROVERRIDE, &amount);
+            if (byRef)
+                out.pcyVal = NewCellOf(SUCCEEDED(hr) ? amount : CY{});
+            else if (SUCCEEDED(hr))
+                out.cyVal = amount;
+        } else {
+            DATE date = 0;
+            const HRESULT hr = VarDateFromStr(temporary.Get(), locale, VAR_DATEVALUEONLY, &date);
+            if (byRef)
+                out.pdate = NewCellOf(SUCCEEDED(hr) ? date : DATE{});
+            else if (SUCCEEDED(hr))
+                out.date = date;
+        }
+        break;
+    }
+    case Put::Object: {
+        if (!object)
+            return false;
+        IDispatch* pointer = ObjectPointerOf(*object);
+        if (byRef) {
+            // The cell holds a reference of the call's own: under COM's rules
+            // for in/out arguments the object may release it and put another
+            // there. An out-only argument goes out empty, as COM wants it.
+            if (pointer && item->GetDirection() != 1)
+                pointer->AddRef();
+            else
+                pointer = nullptr;
+            out.ppdispVal = NewCellOf(pointer);
+            if ((vt & VT_TYPEMASK) != VT_UNKNOWN)
+                vt = VT_DISPATCH | VT_BYREF;
+        } else {
+            out.pdispVal = pointer;
+        }
+        break;
+    }
+    case Put::Record:
+        if (!record)
+            return false;
+        out.vt = vt;
+        RecordItemToVariant(record, out);
+        return true;
+    case Put::Variant: {
+        auto* cell = static_cast<VARIANT*>(NewCell(sizeof(VARIANT)));
+        out.pvarVal = cell;
+        out.vt = vt;
+        // The cell is cleared after the call, so an object in it holds a reference of its own.
+        return NaturalValue(item, *cell, true);
+    }
+    }
+    out.vt = vt;
+    return true;
+}
+
+bool CCOMMethodInvoke::RecordItemToVariant(CMetaObjectStruct* item, VARIANT& out)
+{
+    if (!dispatch || !item)
+        return false;
+    ComPtr<ITypeInfo> objectInfo;
+    if (FAILED(dispatch->GetTypeInfo(0, GetUserDefaultLCID(), objectInfo.Put())) || !objectInfo)
+        return false;
+    ComPtr<ITypeLib> library;
+    UINT index = 0;
+    if (FAILED(objectInfo->GetContainingTypeLib(library.Put(), &index)) || !library)
+        return false;
+
+    ComPtr<IRecordInfo> recordInfo;
+    GUID recordId;
+    const CMetaString& structName = item->GetTypeDesc().GetStructName();
+    if (ClassIdFromText(structName.GetNarrow(), &recordId)) {
+        ComPtr<ITypeInfo> recordType;
+        if (SUCCEEDED(library->GetTypeInfoOfGuid(recordId, recordType.Put())) && recordType) {
+            if (FAILED(GetRecordInfoFromTypeInfo(recordType.Get(), recordInfo.Put())))
+                recordInfo.Reset();
+        }
+    }
+    if (!recordInfo)
+        return true;  // the argument goes out without a record
+
+    void* data = recordInfo->RecordCreate();
+    out.pRecInfo = recordInfo.Detach();
+    out.pvRecord = data;
+    if (!data)
+        return true;
+    for (CMetaObjectItem* member : item->members) {
+        if (!member)
+            continue;
+        // Fully initialised, as the platform's PutField may read all of it.
+        CVariant field;
+        if (!ItemToVariant(member, field.Get()))
+            continue;
+        // Copied in: the platform refuses any flag but a copy or a move.
+        out.pRecInfo->PutField(INVOKE_PROPERTYPUT, data, member->GetTypeDesc().memberName.GetWide(), &field);
+        // PutField copied the value; the temporary goes by the argument rule,
+        // which leaves a borrowed object alone.
+        ReleaseArgument(field.Get());
+    }
+    return true;
+}

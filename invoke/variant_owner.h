@@ -1,0 +1,41 @@
+#pragma once
+// Owners for the values a call moves: a VARIANT that is cleared when it goes,
+// and the rule that releases one argument of a call.
+
+#include <windows.h>
+#include <oaidl.h>
+
+#include <cstring>
+
+namespace MetaObj {
+
+// Zeroed and initialised, so that a reader of its first 32 bits sees no garbage
+// beyond a narrower value; cleared by VariantClear.
+class CVariant {
+public:
+    CVariant()
+    {
+        std::memset(&value, 0, sizeof value);
+        VariantInit(&value);
+    }
+    ~CVariant() { VariantClear(&value); }
+    CVariant(const CVariant&) = delete;
+    CVariant& operator=(const CVariant&) = delete;
+
+    VARIANT* operator&() { return &value; }
+    VARIANT& Get() { return value; }
+    const VARIANT& Get() const { return value; }
+
+private:
+    VARIANT value;
+};
+
+// Releases one argument the call made: its cell and what the call owns in
+// it, or its own value. A by-value object is borrowed and left alone.
+void ReleaseArgument(VARIANT& argument);
+
+// A BSTR of the text; a failed allocation throws E_OUTOFMEMORY. A null or
+// empty text gives an empty BSTR when emptyIsNull is false, else null.
+BSTR AllocBstr(const wchar_t* text, bool emptyIsNull);
+
+}  // namespace MetaObj
