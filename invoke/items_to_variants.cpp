@@ -168,6 +168,55 @@ bool NaturalValue(CMetaObjectItem* item, VARIANT& out, bool ownReference)
     return true;
 }
 
+// Bytes of a plain value of this type in a record's field; 0 for the others.
+std::size_t PlainFieldBytes(VARTYPE type)
+{
+    switch (type) {
+    case VT_I1: case VT_UI1:
+        return 1;
+    case VT_I2: case VT_UI2: case VT_BOOL:
+        return 2;
+    case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_R4: case VT_ERROR:
+        return 4;
+    case VT_R8: case VT_CY: case VT_DATE: case VT_I8: case VT_UI8:
+        return 8;
+    default:
+        return 0;
+    }
+}
+
+// Wine's PutField converts into a VARIANT it never initialised, and so may
+// refuse any value; the field is then written where GetFieldNoCopy shows it.
+// Texts, VARIANTs and plain values only.
+void PutFieldInPlace(IRecordInfo& info, void* data, const wchar_t* name, VARIANT& value)
+{
+    CVariant place;
+    void* array = nullptr;
+    const HRESULT hr = info.GetFieldNoCopy(data, name, &place, &array);
+    const VARTYPE placed = place.Get().vt;
+    void* at = place.Get().byref;
+    place.Get().vt = VT_EMPTY;  // it points into the record, which is not for clearing here
+    if (FAILED(hr) || !(placed & VT_BYREF) || at == nullptr)
+        return;
+    const VARTYPE fieldType = placed & ~VT_BYREF;
+    if (fieldType == VT_VARIANT) {
+        VariantCopy(static_cast<VARIANT*>(at), &value);
+        return;
+    }
+    CVariant converted;
+    if (FAILED(VariantChangeType(&converted, &value, 0, fieldType)))
+        return;
+    if (fieldType == VT_BSTR) {
+        auto* cell = static_cast<BSTR*>(at);
+        SysFreeString(*cell);
+        *cell = converted.Get().bstrVal;
+        converted.Get().vt = VT_EMPTY;
+        return;
+    }
+    if (const std::size_t bytes = PlainFieldBytes(fieldType))
+        std::memcpy(at, &converted.Get().lVal, bytes);
+}
+
 }  // namespace
 
 namespace MetaObj {
@@ -475,7 +524,9 @@ bool CCOMMethodInvoke::RecordItemToVariant(CMetaObjectStruct* item, VARIANT& out
         if (!ItemToVariant(member, field.Get()))
             continue;
         // Copied in: the platform refuses any flag but a copy or a move.
-        out.pRecInfo->PutField(INVOKE_PROPERTYPUT, data, member->GetTypeDesc().memberName.GetWide(), &field);
+        const wchar_t* name = member->GetTypeDesc().memberName.GetWide();
+        if (FAILED(out.pRecInfo->PutField(INVOKE_PROPERTYPUT, data, name, &field)))
+            PutFieldInPlace(*out.pRecInfo, data, name, field.Get());
         // PutField copied the value; the temporary goes by the argument rule,
         // which leaves a borrowed object alone.
         ReleaseArgument(field.Get());
