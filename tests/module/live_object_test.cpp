@@ -135,8 +135,9 @@ TEST_F(LiveObjectTest, OpeningFollowsTheRoadsInTheirOrder)
             CMetaObjectHandler* handler = NewHandler();
             EXPECT_EQ(handler->Open(row.identity, row.withParams ? &params : nullptr), row.expected);
             EXPECT_EQ(handler->IsOpen(), row.expected == MetaStatusOk);
-            if (row.expected == MetaStatusOk)
+            if (row.expected == MetaStatusOk) {
                 EXPECT_EQ(handler->identity.GetText(), row.identity);
+            }
             Done(handler);
         }
         host.AllowAll();
