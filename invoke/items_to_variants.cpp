@@ -130,6 +130,7 @@ T* NewCellOf(T value)
     return cell;
 }
 
+// An object item without a handler goes out as a null object.
 IDispatch* ObjectPointerOf(CMetaObjectObject& item)
 {
     return item.handler ? item.handler->GetDispatchPointer() : nullptr;

@@ -499,6 +499,19 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         // the item's handler owns: nothing came back, the item stays as it is.
         if (!byRef)
             return true;
+        if (base == VT_VARIANT) {
+            // An object that went out in a VARIANT cell: the cell keeps and
+            // clears its own reference, the new handler gets another.
+            const VARIANT& inner = *static_cast<const VARIANT*>(value.byref);
+            if (inner.vt != VT_DISPATCH && inner.vt != VT_UNKNOWN)
+                return false;
+            IDispatch* current = object->handler ? object->handler->GetDispatchPointer() : nullptr;
+            if (inner.punkVal && inner.punkVal == current)
+                return true;
+            IDispatch* given = DispatchOf(inner.punkVal);
+            WrapObject(given, *object, nullptr);
+            return true;
+        }
         if (base != VT_DISPATCH && base != VT_UNKNOWN)
             return false;
         auto** cell = static_cast<IUnknown**>(value.byref);

@@ -81,6 +81,21 @@ struct OutRow {
     std::function<void(const VARIANT&)> check;
 };
 
+void RunRows(const std::vector<OutRow>& rows)
+{
+    for (const OutRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        ItemPtr item = row.item();
+        Argument argument(item.get());
+        ASSERT_EQ(argument.translated, row.translates);
+        if (!row.translates)
+            continue;
+        EXPECT_EQ(argument.value.vt, row.vt);
+        if (row.check)
+            row.check(argument.value);
+    }
+}
+
 TEST(ItemToVariantTest, ByValueRows)
 {
     const std::vector<OutRow> rows = {
@@ -155,17 +170,7 @@ TEST(ItemToVariantTest, ByValueRows)
          },
          false, VT_EMPTY, nullptr},
     };
-    for (const OutRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        ItemPtr item = row.item();
-        Argument argument(item.get());
-        ASSERT_EQ(argument.translated, row.translates);
-        if (!row.translates)
-            continue;
-        EXPECT_EQ(argument.value.vt, row.vt);
-        if (row.check)
-            row.check(argument.value);
-    }
+    RunRows(rows);
 }
 
 TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
@@ -207,17 +212,7 @@ TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
          },
          false, VT_EMPTY, nullptr},
     };
-    for (const OutRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        ItemPtr item = row.item();
-        Argument argument(item.get());
-        ASSERT_EQ(argument.translated, row.translates);
-        if (!row.translates)
-            continue;
-        EXPECT_EQ(argument.value.vt, row.vt);
-        if (row.check)
-            row.check(argument.value);
-    }
+    RunRows(rows);
 }
 
 // An object item with its own handler around a counting object; the handler
