@@ -169,23 +169,6 @@ bool NaturalValue(CMetaObjectItem* item, VARIANT& out, bool ownReference)
     return true;
 }
 
-// Bytes of a plain value of this type in a record's field; 0 for the others.
-std::size_t PlainFieldBytes(VARTYPE type)
-{
-    switch (type) {
-    case VT_I1: case VT_UI1:
-        return 1;
-    case VT_I2: case VT_UI2: case VT_BOOL:
-        return 2;
-    case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_R4: case VT_ERROR:
-        return 4;
-    case VT_R8: case VT_CY: case VT_DATE: case VT_I8: case VT_UI8:
-        return 8;
-    default:
-        return 0;
-    }
-}
-
 // Wine's PutField converts into a VARIANT it never initialised, and so may
 // refuse any value; the field is then written where GetFieldNoCopy shows it.
 // Texts, VARIANTs and plain values only.
@@ -214,7 +197,7 @@ void PutFieldInPlace(IRecordInfo& info, void* data, const wchar_t* name, VARIANT
         converted.Get().vt = VT_EMPTY;
         return;
     }
-    if (const std::size_t bytes = PlainFieldBytes(fieldType))
+    if (const std::size_t bytes = PlainValueBytes(fieldType))
         std::memcpy(at, &converted.Get().lVal, bytes);
 }
 
@@ -233,6 +216,22 @@ BSTR AllocBstr(const wchar_t* text, bool emptyIsNull)
     if (made == nullptr)
         throw std::bad_alloc();  // the platform's E_OUTOFMEMORY
     return made;
+}
+
+std::size_t PlainValueBytes(VARTYPE type)
+{
+    switch (type) {
+    case VT_I1: case VT_UI1:
+        return 1;
+    case VT_I2: case VT_UI2: case VT_BOOL:
+        return 2;
+    case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_R4: case VT_ERROR: case VT_HRESULT:
+        return 4;
+    case VT_R8: case VT_CY: case VT_DATE: case VT_I8: case VT_UI8:
+        return 8;
+    default:
+        return 0;
+    }
 }
 
 void ReleaseArgument(VARIANT& argument)
@@ -418,7 +417,10 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
             BSTR* cell = NewCellOf<BSTR>(nullptr);
             out.pbstrVal = cell;
             out.vt = vt;  // owned from here on, whatever the allocation below does
-            *cell = AllocBstr(TextOf(text->value), true);
+            // An out-only text goes out empty: the object writes its own there
+            // without freeing what stood in the cell.
+            if (item->GetDirection() != 1)
+                *cell = AllocBstr(TextOf(text->value), true);
         } else {
             out.bstrVal = AllocBstr(TextOf(text->value), false);
         }
@@ -479,8 +481,9 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         auto* cell = static_cast<VARIANT*>(NewCell(sizeof(VARIANT)));
         out.pvarVal = cell;
         out.vt = vt;
-        // The cell is cleared after the call, so an object in it holds a reference of its own.
-        return NaturalValue(item, *cell, true);
+        // Out-only, it goes out empty, as for a text; the cell is cleared after
+        // the call, so an object in it holds a reference of its own.
+        return item->GetDirection() == 1 || NaturalValue(item, *cell, true);
     }
     }
     out.vt = vt;

@@ -195,6 +195,20 @@ TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
              return ItemPtr(std::move(item));
          },
          true, VT_I4 | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(*v.plVal, 2); }},
+        {"an out-only text goes out empty",
+         [] {
+             auto item = Text(L"stale", L"VT_BSTR|VT_PTR", 1);
+             item->SetDirection(1);
+             return item;
+         },
+         true, VT_BSTR | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(*v.pbstrVal, nullptr); }},
+        {"an out-only variant goes out empty",
+         [] {
+             auto item = Text(L"stale", L"VT_VARIANT|VT_PTR", 1);
+             item->SetDirection(1);
+             return item;
+         },
+         true, VT_VARIANT | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(v.pvarVal->vt, VT_EMPTY); }},
         {"variant cell holds text", [] { return Text(L"x", L"VT_VARIANT|VT_PTR", 1); }, true, VT_VARIANT | VT_BYREF,
          [](const VARIANT& v) {
              EXPECT_EQ(v.pvarVal->vt, VT_BSTR);
