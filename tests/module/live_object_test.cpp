@@ -17,7 +17,6 @@
 #include "tests/module/module_fixture.h"
 #include "tests/support/counting_dispatch.h"
 #include "tests/support/import_patch.h"
-#include "tests/support/registry_fixture.h"
 
 using namespace MetaObj;
 
