@@ -2,6 +2,7 @@
 
 #include <windows.h>
 #include <oleauto.h>
+#include <dispex.h>
 
 #include <cstring>
 #include <string>
@@ -135,8 +136,17 @@ CCOMMethodInvoke::CCOMMethodInvoke(IDispatch* dispatch, const CMetaString& metho
     kind = split;
     LPOLESTR names[] = {const_cast<LPOLESTR>(name.IsEmpty() ? L"" : name.GetWide())};
     DISPID found = -1;
-    if (SUCCEEDED(dispatch->GetIDsOfNames(IID_NULL, names, 1, GetUserDefaultLCID(), &found)))
+    if (SUCCEEDED(dispatch->GetIDsOfNames(IID_NULL, names, 1, GetUserDefaultLCID(), &found))) {
         dispid = found;
+        return;
+    }
+    // Some script engines' objects answer names only through IDispatchEx.
+    ComPtr<IDispatchEx> extended;
+    if (SUCCEEDED(dispatch->QueryInterface(__uuidof(IDispatchEx), extended.PutVoid())) && extended) {
+        Bstr text(AllocBstr(names[0], false));
+        if (SUCCEEDED(extended->GetDispID(text.Get(), fdexNameCaseInsensitive, &found)))
+            dispid = found;
+    }
 }
 
 CCOMMethodInvoke::CCOMMethodInvoke(IDispatch* dispatch, DISPID dispid, MethodKind kind)
