@@ -298,6 +298,17 @@ bool BuildExplicit(const ExplicitType& row, const std::wstring& value, const Par
     return true;
 }
 
+// The catalogue marks no object by reference (a pointer to an interface
+// pointer reads as the interface), yet an object that is to come back needs a
+// cell: so an out or in/out object goes by reference.
+void MarkObjectCell(CTypeDesc& type, const ParamShape* param)
+{
+    if (!param || param->direction == 0 || type.isByRef == 1)
+        return;
+    type.isByRef = 1;
+    type.signature.Append(L"|VT_PTR");
+}
+
 bool TakesObject(const ParamShape* param)
 {
     if (!param)
@@ -325,6 +336,7 @@ bool BuildObject(const CallToken& token, const ParamShape* param, const Argument
     CTypeDesc type;
     if (param && param->type.type == MetaTypeObject && !param->type.bounds) {
         type.Assign(param->type);
+        MarkObjectCell(type, param);
     } else if (!TypeOfWord(context, MetaTypeObject, L"OBJECT", nullptr, false, type, error)) {
         return false;
     }
@@ -525,6 +537,8 @@ bool BuildOutSlot(const ParamShape& param, ToolItem& out, std::string& error)
         return false;
     }
     out.reset(NewItemFor(type));
+    if (type.type == MetaTypeObject)
+        MarkObjectCell(out->GetTypeDesc(), &param);
     Finish(out.get(), &param);
     return true;
 }

@@ -218,6 +218,41 @@ expect_json_rows("calls.3.arguments.0.text=21" "calls.3.arguments.0.signature=VT
                  "calls.3.outParams.0.direction=inout" "calls.3.outParams.0.text=42"
                  "calls.3.outParams.1.index=1" "calls.3.outParams.1.text=doubled once" "handlersInUse=0")
 
+# The call fixture: out and in/out parameters of its catalogue as written back
+# (an out parameter left off the end gets its item), an enumeration named on the
+# way in and on the way out, objects out and swapped in/out, a record result.
+run_tool(0 --json call COM://ComHandlerTest.CallFixture "Invoke:RefI4 41" "Invoke:OutBstr" "Invoke:RefColour Green"
+  "Invoke:RefDate 2024-01-02" "Invoke:OutDispatch" "@1 Get:Id" "Invoke:RefDispatch @1" "Invoke:ChildId @2"
+  "Invoke:MakePoint 3 4" "Invoke:RefVariant abc" "Set:Cell 1 2 5" "Get:Cell 1 2")
+expect_json_rows(
+  "calls.0.outParams.0.direction=inout" "calls.0.outParams.0.name=value" "calls.0.outParams.0.text=42"
+  "calls.0.outParams.0.signature=VT_I4|VT_PTR" "calls.0.arguments.0.text=41"
+  "calls.1.arguments.0.direction=out" "calls.1.outParams.0.text=out text" "calls.1.result=<null>"
+  "calls.2.arguments.0.text=2" "calls.2.outParams.0.text=7" "calls.2.outParams.0.enumName=Blue"
+  "calls.3.outParams.0.class=CMetaObjectDate"
+  "calls.4.outParams.0.handle=@1" "calls.4.outParams.0.signature=VT_DISPATCH|VT_PTR" "calls.5.result.metaType=Int"
+  "calls.6.arguments.0.handle=@1" "calls.6.outParams.0.handle=@2" "calls.7.typedBy=catalogue"
+  "calls.7.arguments.0.handle=@2" "calls.7.result.metaType=Int"
+  "calls.8.result.metaType=Struct" "calls.8.result.members.0.name=x" "calls.8.result.members.0.text=3"
+  "calls.8.result.members.1.name=y" "calls.8.result.members.1.text=4"
+  "calls.9.outParams.0.text=abc!" "calls.11.result.text=5" "handles=2" "handlersInUse=0")
+string(JSON date GET "${out}" calls 3 outParams 0 text)
+string(JSON sent GET "${out}" calls 3 arguments 0 text)
+if(NOT sent STREQUAL "2024-01-02" OR date STREQUAL sent OR NOT date MATCHES "2024")
+  message(FATAL_ERROR "RefDate: sent '${sent}', came back as '${date}'")
+endif()
+
+# A failed call writes nothing back, and its record holds the object's texts.
+run_tool(1 --json call COM://ComHandlerTest.CallFixture "Invoke:FailWithGarbage")
+expect_json_rows("calls.0.record.source=CallFixture.FailWithGarbage" "calls.0.arguments.1.text=0.000000")
+string(JSON count LENGTH "${out}" calls 0 outParams)
+if(NOT count EQUAL 0)
+  message(FATAL_ERROR "a failed call showed out parameters:\n${out}")
+endif()
+expect_error_line("Invoke:FailWithGarbage failed: status InvokeFailed (7), code 65535, source \"CallFixture.FailWithGarbage\", description \"failed after writing its out-parameters\"")
+run_tool(1 call COM://ComHandlerTest.CallFixture "Invoke:NotImplemented")
+expect_error_line("Invoke:NotImplemented failed: status InvokeFailed (7), code 1, source \"CallFixture.NotImplemented\", description \"not implemented on purpose\"")
+
 # What can't be described at design time can be once the object runs.
 run_tool(0 --json describe --live COM://VBScript.RegExp)
 expect_json_rows("live=ON" "open.name=Ok" "status.name=Ok" "object.registered=ON")
