@@ -1,0 +1,20 @@
+#pragma once
+// The call fixture's objects as the server file's entry points reach them.
+
+#include <windows.h>
+#include <objbase.h>
+
+// The server file, set by its DllMain; its TYPELIB resource 2 is the call library.
+extern HINSTANCE g_fixtureModule;
+
+// A new CallFixture, answering iid; the caller owns the one reference.
+HRESULT CreateCallFixture(REFIID iid, void** out);
+
+// Objects of the fixture alive now, of every class, and locks of the server
+// taken by IClassFactory::LockServer.
+LONG LiveFixtureObjects();
+void LockFixtureServer(bool lock);
+bool FixtureServerLocked();
+
+// The path of the call library inside the server file: "<file>\2".
+bool CallLibraryPath(wchar_t* path, DWORD size);
