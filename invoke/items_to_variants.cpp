@@ -141,6 +141,7 @@ T* NewCellOf(T value)
     return cell;
 }
 
+// An object item without a handler goes out as a null object.
 IDispatch* ObjectPointerOf(CMetaObjectObject& item)
 {
     return item.handler ? item.handler->GetDispatchPointer() : nullptr;
@@ -179,6 +180,38 @@ bool NaturalValue(CMetaObjectItem* item, VARIANT& out, bool ownReference)
     return true;
 }
 
+// Wine's PutField converts into a VARIANT it never initialised, and so may
+// refuse any value; the field is then written where GetFieldNoCopy shows it.
+// Texts, VARIANTs and plain values only.
+void PutFieldInPlace(IRecordInfo& info, void* data, const wchar_t* name, VARIANT& value)
+{
+    CVariant place;
+    void* array = nullptr;
+    const HRESULT hr = info.GetFieldNoCopy(data, name, &place, &array);
+    const VARTYPE placed = place.Get().vt;
+    void* at = place.Get().byref;
+    place.Get().vt = VT_EMPTY;  // it points into the record, which is not for clearing here
+    if (FAILED(hr) || !(placed & VT_BYREF) || at == nullptr)
+        return;
+    const VARTYPE fieldType = placed & ~VT_BYREF;
+    if (fieldType == VT_VARIANT) {
+        VariantCopy(static_cast<VARIANT*>(at), &value);
+        return;
+    }
+    CVariant converted;
+    if (FAILED(VariantChangeType(&converted, &value, 0, fieldType)))
+        return;
+    if (fieldType == VT_BSTR) {
+        auto* cell = static_cast<BSTR*>(at);
+        SysFreeString(*cell);
+        *cell = converted.Get().bstrVal;
+        converted.Get().vt = VT_EMPTY;
+        return;
+    }
+    if (const std::size_t bytes = PlainValueBytes(fieldType))
+        std::memcpy(at, &converted.Get().lVal, bytes);
+}
+
 }  // namespace
 
 namespace MetaObj {
@@ -194,6 +227,22 @@ BSTR AllocBstr(const wchar_t* text, bool emptyIsNull)
     if (made == nullptr)
         throw std::bad_alloc();  // the platform's E_OUTOFMEMORY
     return made;
+}
+
+std::size_t PlainValueBytes(VARTYPE type)
+{
+    switch (type) {
+    case VT_I1: case VT_UI1:
+        return 1;
+    case VT_I2: case VT_UI2: case VT_BOOL:
+        return 2;
+    case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_R4: case VT_ERROR: case VT_HRESULT:
+        return 4;
+    case VT_R8: case VT_CY: case VT_DATE: case VT_I8: case VT_UI8:
+        return 8;
+    default:
+        return 0;
+    }
 }
 
 void ReleaseArgument(VARIANT& argument)
@@ -384,7 +433,10 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
             BSTR* cell = NewCellOf<BSTR>(nullptr);
             out.pbstrVal = cell;
             out.vt = vt;  // owned from here on, whatever the allocation below does
-            *cell = AllocBstr(TextOf(text->value), true);
+            // An out-only text goes out empty: the object writes its own there
+            // without freeing what stood in the cell.
+            if (item->GetDirection() != 1)
+                *cell = AllocBstr(TextOf(text->value), true);
         } else {
             out.bstrVal = AllocBstr(TextOf(text->value), false);
         }
@@ -448,8 +500,9 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         auto* cell = static_cast<VARIANT*>(NewCell(sizeof(VARIANT)));
         out.pvarVal = cell;
         out.vt = vt;
-        // The cell is cleared after the call, so an object in it holds a reference of its own.
-        return NaturalValue(item, *cell, true);
+        // Out-only, it goes out empty, as for a text; the cell is cleared after
+        // the call, so an object in it holds a reference of its own.
+        return item->GetDirection() == 1 || NaturalValue(item, *cell, true);
     }
     }
     out.vt = vt;
@@ -494,7 +547,9 @@ bool CCOMMethodInvoke::RecordItemToVariant(CMetaObjectStruct* item, VARIANT& out
         if (!ItemToVariant(member, field.Get()))
             continue;
         // Copied in: the platform refuses any flag but a copy or a move.
-        out.pRecInfo->PutField(INVOKE_PROPERTYPUT, data, member->GetTypeDesc().memberName.GetWide(), &field);
+        const wchar_t* name = member->GetTypeDesc().memberName.GetWide();
+        if (FAILED(out.pRecInfo->PutField(INVOKE_PROPERTYPUT, data, name, &field)))
+            PutFieldInPlace(*out.pRecInfo, data, name, field.Get());
         // PutField copied the value; the temporary goes by the argument rule,
         // which leaves a borrowed object alone.
         ReleaseArgument(field.Get());

@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <oaidl.h>
 
+#include <cstddef>
 #include <cstring>
 
 namespace MetaObj {
@@ -37,5 +38,9 @@ void ReleaseArgument(VARIANT& argument);
 // A BSTR of the text; a failed allocation throws E_OUTOFMEMORY. A null or
 // empty text gives an empty BSTR when emptyIsNull is false, else null.
 BSTR AllocBstr(const wchar_t* text, bool emptyIsNull);
+
+// Bytes of a plain value of this type, behind a by-reference pointer or in a
+// record's field; 0 for texts, objects and the rest.
+std::size_t PlainValueBytes(VARTYPE type);
 
 }  // namespace MetaObj

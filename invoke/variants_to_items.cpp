@@ -77,23 +77,6 @@ bool SetInt32(CMetaObjectItem* item, std::int32_t value)
     return false;
 }
 
-// How many bytes a value of this base type occupies behind a by-reference pointer.
-std::size_t CellBytes(VARTYPE base)
-{
-    switch (base) {
-    case VT_I1: case VT_UI1:
-        return 1;
-    case VT_I2: case VT_UI2: case VT_BOOL:
-        return 2;
-    case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_R4: case VT_ERROR: case VT_HRESULT:
-        return 4;
-    case VT_R8: case VT_CY: case VT_DATE: case VT_I8: case VT_UI8:
-        return 8;
-    default:
-        return 0;
-    }
-}
-
 enum class Take {
     SignedByte,
     UnsignedByte,
@@ -416,7 +399,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
             return false;
         at = value.byref;
     }
-    auto fits = [&](std::size_t bytes) { return !byRef || CellBytes(base) >= bytes; };
+    auto fits = [&](std::size_t bytes) { return !byRef || PlainValueBytes(base) >= bytes; };
     auto read = [&](auto sample) {
         decltype(sample) result;
         std::memcpy(&result, at, sizeof result);
@@ -500,6 +483,19 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         // the item's handler owns: nothing came back, the item stays as it is.
         if (!byRef)
             return true;
+        if (base == VT_VARIANT) {
+            // An object that went out in a VARIANT cell: the cell keeps and
+            // clears its own reference, the new handler gets another.
+            const VARIANT& inner = *static_cast<const VARIANT*>(value.byref);
+            if (inner.vt != VT_DISPATCH && inner.vt != VT_UNKNOWN)
+                return false;
+            IDispatch* current = object->handler ? object->handler->GetDispatchPointer() : nullptr;
+            if (inner.punkVal && inner.punkVal == current)
+                return true;
+            IDispatch* given = DispatchOf(inner.punkVal);
+            WrapObject(given, *object, nullptr);
+            return true;
+        }
         if (base != VT_DISPATCH && base != VT_UNKNOWN)
             return false;
         auto** cell = static_cast<IUnknown**>(value.byref);

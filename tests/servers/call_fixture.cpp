@@ -11,6 +11,7 @@
 #include "call_fixture.h"  // widl's header of call_fixture.idl
 
 #include <cstdio>
+#include <cstring>
 #include <cwchar>
 #include <map>
 #include <new>
@@ -442,11 +443,13 @@ public:
         std::swap(held, replaced);
         return S_OK;
     }
+    // Drops the held object and the target alike.
     HRESULT STDMETHODCALLTYPE DropHeld() override
     {
-        ComPtr<IDispatch> dropped;
+        ComPtr<IDispatch> droppedHeld, droppedTarget;
         SectionGuard guard(section);
-        std::swap(held, dropped);
+        std::swap(held, droppedHeld);
+        std::swap(target, droppedTarget);
         return S_OK;
     }
 
@@ -462,9 +465,10 @@ public:
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE MakeDecimal(DECIMAL* value) override { return VarDecFromR8(kDecimal, value); }
+    // The bytes beyond a narrow value are zero, so a reader of more sees no garbage.
     HRESULT STDMETHODCALLTYPE Shape(LONG which, VARIANT* value) override
     {
-        VariantInit(value);
+        std::memset(value, 0, sizeof *value);
         switch (which) {
         case ShapeEmpty:
             return S_OK;
@@ -776,18 +780,11 @@ private:
     HRESULT ShapeByHand(const DISPPARAMS* params, VARIANT* result)
     {
         VariantOwner which;
-        HRESULT hr = SingleArgument(params, VT_I4, &which.value);
+        const HRESULT hr = SingleArgument(params, VT_I4, &which.value);
         if (FAILED(hr))
             return hr;
-        VariantOwner shape;
-        hr = Shape(V_I4(&which.value), &shape.value);
-        if (FAILED(hr))
-            return hr;
-        if (result != nullptr) {
-            *result = shape.value;
-            V_VT(&shape.value) = VT_EMPTY;
-        }
-        return S_OK;
+        VariantOwner unread;
+        return Shape(V_I4(&which.value), result ? result : &unread.value);
     }
 
     // Wine's dispatch reads int and unsigned int as their 32-bit twins and then

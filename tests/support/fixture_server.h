@@ -36,6 +36,14 @@ public:
     const std::string& Path() const { return serverPath; }
     // -1 when the server could not be loaded.
     long LiveObjects() const { return liveObjects ? liveObjects() : -1; }
+    // DllRegisterServer or DllUnregisterServer; E_FAIL when the server could not be loaded.
+    HRESULT Call(const char* entry) const
+    {
+        using EntryFn = HRESULT(__stdcall*)();
+        auto function = module ? reinterpret_cast<EntryFn>(reinterpret_cast<void*>(GetProcAddress(module, entry)))
+                               : nullptr;
+        return function ? function() : E_FAIL;
+    }
 
 private:
     using LiveObjectsFn = LONG(__stdcall*)();

@@ -81,6 +81,21 @@ struct OutRow {
     std::function<void(const VARIANT&)> check;
 };
 
+void RunRows(const std::vector<OutRow>& rows)
+{
+    for (const OutRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        ItemPtr item = row.item();
+        Argument argument(item.get());
+        ASSERT_EQ(argument.translated, row.translates);
+        if (!row.translates)
+            continue;
+        EXPECT_EQ(argument.value.vt, row.vt);
+        if (row.check)
+            row.check(argument.value);
+    }
+}
+
 TEST(ItemToVariantTest, ByValueRows)
 {
     const std::vector<OutRow> rows = {
@@ -155,17 +170,7 @@ TEST(ItemToVariantTest, ByValueRows)
          },
          false, VT_EMPTY, nullptr},
     };
-    for (const OutRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        ItemPtr item = row.item();
-        Argument argument(item.get());
-        ASSERT_EQ(argument.translated, row.translates);
-        if (!row.translates)
-            continue;
-        EXPECT_EQ(argument.value.vt, row.vt);
-        if (row.check)
-            row.check(argument.value);
-    }
+    RunRows(rows);
 }
 
 TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
@@ -190,6 +195,20 @@ TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
              return ItemPtr(std::move(item));
          },
          true, VT_I4 | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(*v.plVal, 2); }},
+        {"an out-only text goes out empty",
+         [] {
+             auto item = Text(L"stale", L"VT_BSTR|VT_PTR", 1);
+             item->SetDirection(1);
+             return item;
+         },
+         true, VT_BSTR | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(*v.pbstrVal, nullptr); }},
+        {"an out-only variant goes out empty",
+         [] {
+             auto item = Text(L"stale", L"VT_VARIANT|VT_PTR", 1);
+             item->SetDirection(1);
+             return item;
+         },
+         true, VT_VARIANT | VT_BYREF, [](const VARIANT& v) { EXPECT_EQ(v.pvarVal->vt, VT_EMPTY); }},
         {"variant cell holds text", [] { return Text(L"x", L"VT_VARIANT|VT_PTR", 1); }, true, VT_VARIANT | VT_BYREF,
          [](const VARIANT& v) {
              EXPECT_EQ(v.pvarVal->vt, VT_BSTR);
@@ -207,17 +226,7 @@ TEST(ItemToVariantTest, ByReferenceRowsMakeCells)
          },
          false, VT_EMPTY, nullptr},
     };
-    for (const OutRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        ItemPtr item = row.item();
-        Argument argument(item.get());
-        ASSERT_EQ(argument.translated, row.translates);
-        if (!row.translates)
-            continue;
-        EXPECT_EQ(argument.value.vt, row.vt);
-        if (row.check)
-            row.check(argument.value);
-    }
+    RunRows(rows);
 }
 
 // An object item with its own handler around a counting object; the handler
@@ -423,17 +432,6 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
          [] { return Typed(std::make_unique<CMetaObjectChar>(L'a'), L"VT_I1|VT_PTR", 1); },
          [](VARIANT& v) { *v.pcVal = -1; }, true,
          [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectChar&>(*item).value, 0xFFFF); }},
-        {"VT_UI1 is zero-extended", [] { return Typed(std::make_unique<CMetaObjectChar>(L'a'), L"VT_UI1|VT_PTR", 1); },
-         [](VARIANT& v) { *v.pbVal = 0xFF; }, true,
-         [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectChar&>(*item).value, 0xFF); }},
-        {"VT_I2 is sign-extended", [] { return Int(0, L"VT_I2|VT_PTR", 1); }, [](VARIANT& v) { *v.piVal = -2; }, true,
-         [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*item).value, -2); }},
-        {"VT_UI2 is zero-extended", [] { return Int(0, L"VT_UI2|VT_PTR", 1); },
-         [](VARIANT& v) { *v.puiVal = 0xFFFE; }, true,
-         [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*item).value, 0xFFFE); }},
-        {"VT_R4 widened", [] { return Typed(std::make_unique<CMetaObjectReal>(0), L"VT_R4|VT_PTR", 1); },
-         [](VARIANT& v) { *v.pfltVal = 1.5f; }, true,
-         [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectReal&>(*item).value, 1.5); }},
         {"VT_BOOL only 0xFFFF is true", [] { return Typed(std::make_unique<CMetaObjectBool>(1), L"VT_BOOL|VT_PTR", 1); },
          [](VARIANT& v) { *v.pboolVal = 1; }, true,
          [](CMetaObjectItem* item) { EXPECT_EQ(dynamic_cast<CMetaObjectBool&>(*item).value, 0); }},
@@ -443,15 +441,6 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
              *v.pbstrVal = nullptr;
          },
          true, [](CMetaObjectItem* item) { EXPECT_TRUE(dynamic_cast<CMetaObjectString&>(*item).value.IsEmpty()); }},
-        {"a BSTR the object replaced", [] { return Text(L"before", L"VT_BSTR|VT_PTR", 1); },
-         [](VARIANT& v) {
-             SysFreeString(*v.pbstrVal);
-             *v.pbstrVal = SysAllocString(L"after");
-         },
-         true, [](CMetaObjectItem* item) { EXPECT_EQ(Wide(dynamic_cast<CMetaObjectString&>(*item).value), L"after"); }},
-        {"currency by the user's locale", [] { return TextOf<CMetaObjectCurrency>(L"1", L"VT_CY|VT_PTR", 1); },
-         [](VARIANT& v) { v.pcyVal->int64 = 25000; }, true,
-         [](CMetaObjectItem* item) { EXPECT_EQ(Wide(dynamic_cast<CMetaObjectCurrency&>(*item).value), L"2.5"); }},
         {"a variant cell becomes text", [] { return Text(L"in", L"VT_VARIANT|VT_PTR", 1); },
          [](VARIANT& v) {
              VariantClear(v.pvarVal);

@@ -1,0 +1,96 @@
+#pragma once
+// Method calls through the module's handler on the registered call fixture, as
+// a host makes them: items built here, a call object in a slot, the result
+// freed through the handler. Every test ends with every handler freed and the
+// fixture's count of live objects back where it started.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/reference_host.h"
+#include "metaobj/compound_items.h"
+#include "metaobj/records.h"
+#include "metaobj/scalar_items.h"
+#include "plugin/com_handler.h"
+#include "tests/module/module_fixture.h"
+#include "tests/support/fixture_server.h"
+
+constexpr std::int32_t kIn = 0;
+constexpr std::int32_t kOut = 1;
+constexpr std::int32_t kInOut = 2;
+
+// An item the test made: an object item gives its use back before it goes.
+struct ParamDeleter {
+    void operator()(MetaObj::CMetaObjectItem* item) const
+    {
+        item->Clear();
+        delete item;
+    }
+};
+using Param = std::unique_ptr<MetaObj::CMetaObjectItem, ParamDeleter>;
+
+// An item the module made, freed by the handler that made the call.
+struct ResultDeleter {
+    MetaObj::CMetaObjectHandler* handler = nullptr;
+    void operator()(MetaObj::CMetaObjectItem* item) const
+    {
+        item->Clear();
+        handler->FreeItem(item);
+    }
+};
+using Result = std::unique_ptr<MetaObj::CMetaObjectItem, ResultDeleter>;
+
+// Items as a host builds them from a method's description. An out or in/out
+// parameter is passed by reference, its signature marked as a pointer.
+Param Char(wchar_t value, const wchar_t* signature);
+Param Int(std::int32_t value, const wchar_t* signature = L"VT_I4");
+Param Real(double value, const wchar_t* signature = L"VT_R8");
+Param Bool(unsigned char value);
+Param Text(const wchar_t* value, const wchar_t* signature = L"VT_BSTR");
+Param Currency(const wchar_t* value);
+Param Date(const wchar_t* value);
+// A FixtureColour value, its type carrying the enumeration's values.
+Param Colour(std::int32_t value, bool withValues = true);
+// A FixturePoint with the two members.
+Param Point(std::int32_t x, std::int32_t y);
+Param ByRef(Param item, std::int32_t direction);
+std::vector<MetaObj::CMetaObjectItem*> Items(const std::vector<Param>& params);
+
+std::string Narrow(const MetaObj::CMetaString& text);
+
+// The outcome of one call; the record starts with marks, so that what a call
+// leaves alone shows.
+struct Outcome {
+    MetaObj::MetaStatus status = MetaObj::MetaStatusOk;
+    MetaObj::CMethodInvokeStatus record;
+    Result result;
+};
+constexpr std::uint32_t kUntouchedCode = 77;
+constexpr char kUntouchedText[] = "untouched";
+
+class CallTest : public ModuleTest {
+protected:
+    void SetUp() override;
+
+    // The body gets an open handler on a new fixture, on a thread where the
+    // module initialised COM.
+    void WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body);
+
+    // CreateMethodInvoke, SetInvokeParams, ExecuteInvoke, FreeMethodInvoke.
+    // The items stay the caller's. With wantResult false, ExecuteInvoke gets
+    // no result pointer.
+    Outcome Call(CMetaObjectCOMHandler& handler, const wchar_t* key,
+                 const std::vector<MetaObj::CMetaObjectItem*>& params = {}, bool wantResult = true);
+    std::string LastCall(CMetaObjectCOMHandler& handler);
+
+    // An object item whose new handler holds a reference of its own on object.
+    Param ObjectItem(IDispatch* object, const wchar_t* signature = L"VT_DISPATCH");
+
+    CReferenceHost host;
+    FixtureServer server;
+};
+
+// The object an object item's handler holds, or null.
+IDispatch* ObjectOf(const MetaObj::CMetaObjectItem* item);
