@@ -394,7 +394,9 @@ int SplitMethodKey(const CMetaString& key, CMetaString& name, MethodKind& kind)
     name = CMetaString(text.substr(static_cast<std::size_t>(colon) + 1).c_str());
     const std::wstring prefix = text.substr(0, static_cast<std::size_t>(colon));
     for (const KindPrefix& row : kKindPrefixes) {
-        if (_wcsicmp(prefix.c_str(), row.word) == 0)
+        // The run-time's _wcsicmp is slow for its locale, and only a word of
+        // the same length can match.
+        if (prefix.size() == std::wcslen(row.word) && _wcsicmp(prefix.c_str(), row.word) == 0)
             kind = row.kind;
     }
     return 1;

@@ -76,7 +76,8 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
         {L"get:Name", MethodKindGet, L"Name"},   {L"GET:Name", MethodKindGet, L"Name"},
         {L"SetRef:Obj", MethodKindSetRef, L"Obj"}, {L"Set:", MethodKindSet, L""},
         {L"Call:A:B", MethodKindInvoke, L"A:B"},  {L":Name", MethodKindInvoke, L"Name"},
-        {L"NoColon", MethodKindInvoke, L"kept"},
+        {L"NoColon", MethodKindInvoke, L"kept"},  {L"Gets:Name", MethodKindInvoke, L"Name"},
+        {L"Se:Name", MethodKindInvoke, L"Name"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(CMetaString(row.key).GetNarrow());
