@@ -320,8 +320,11 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     // The run-time's _wcsicmp looks up the locale for every character, which
     // costs more than the rest of a simple argument: only a text of the same
     // length can match.
-    if (std::wcslen(signature) == std::size(kByRefWord) - 1 && _wcsicmp(signature, kByRefWord) == 0)
+    if (std::wcslen(signature) == std::size(kByRefWord) - 1 && _wcsicmp(signature, kByRefWord) == 0) {
+        // The type follows the word in any case of letters, not only as written.
         signature = L"VT_DISPATCH";
+        vt = static_cast<VARTYPE>(VT_DISPATCH | (vt & VT_BYREF));
+    }
     // A record out of a type library is signed like an object; a struct item
     // has no handler to read, so it goes by the record road. Here and below an
     // item's class is asked only where the answer counts: in this run-time a
