@@ -247,14 +247,14 @@ ModuleRow TimeThroughModule(CMetaObjectHandler& handler, Case& c)
 
     // A host that calls one member again and again keeps the call object with
     // its list of argument items, and writes new values into the items when it
-    // has them; SetParams appends, so the list is given once. Per call: Execute,
-    // and the result given back.
+    // has them; SetParams appends, so the list is given once. Its status record
+    // is kept with it. Per call: Execute, and the result given back.
     CCOMMethodInvoke* slot = nullptr;
     handler.CreateMethodInvoke(&slot, CMetaString(c.key));
     CItemList list = ListOf(c);
     handler.SetInvokeParams(&slot, list);
+    CMethodInvokeStatus status;
     const std::function<void()> kept = [&] {
-        CMethodInvokeStatus status;
         CMetaObjectItem* result = nullptr;
         handler.ExecuteInvoke(&slot, &status, &result);
         FreeResult(handler, result);
@@ -413,7 +413,7 @@ int main()
     std::printf("One %ls, created and called in this thread's multithreaded apartment.\n"
                 "Nanoseconds per call, best of %d runs of about %.1f s of each side.\n",
                 kProgId, kRuns, kRunSeconds);
-    std::printf("  kept     the host keeps the call object and its argument items: per call ExecuteInvoke, "
+    std::printf("  kept     the host keeps the call object, its argument items and status record: per call ExecuteInvoke, "
                 "FreeItem\n"
                 "  rebuilt  per call CreateMethodInvoke, SetInvokeParams, ExecuteInvoke, FreeItem, "
                 "FreeMethodInvoke\n"
