@@ -241,23 +241,34 @@ CMetaString TypeSignatureText(const TYPEDESC* type)
     return CMetaString(text.c_str());
 }
 
+// Read in place: every argument of every call comes through here, so no copy
+// of the text is made.
 VARTYPE VarTypeFromSignature(const wchar_t* signature)
 {
     if (!signature)
         return VT_VOID;
-    std::wstring text(signature);
-    if (text.size() >= kSignatureChars)
-        text.resize(kSignatureChars - 1);
+    // The text as far as a signature may go, then the part before a bar.
+    std::size_t length = 0;
+    while (length < kSignatureChars - 1 && signature[length] != 0)
+        ++length;
     VARTYPE flag = 0;
-    const std::size_t bar = text.find(L'|');
-    if (bar != std::wstring::npos) {
-        text.resize(bar);
+    if (const wchar_t* bar = std::wmemchr(signature, L'|', length)) {
+        length = static_cast<std::size_t>(bar - signature);
         flag = VT_BYREF;
     }
-    if (text == L"VT_BYREF")
+    // Compared here rather than by the run-time's functions, whose calls cost
+    // more than the comparison of such short words.
+    auto is = [&](const wchar_t* word) {
+        for (std::size_t at = 0; at < length; ++at) {
+            if (word[at] != signature[at])
+                return false;
+        }
+        return word[length] == 0;
+    };
+    if (is(L"VT_BYREF"))
         return VT_DISPATCH | flag;
     for (const VarTypeRow& row : kVarTypes) {
-        if (row.signature && row.vt != VT_USERDEFINED && text == row.signature)
+        if (row.signature && row.vt != VT_USERDEFINED && is(row.signature))
             return row.vt | flag;
     }
     return VT_VOID;
@@ -383,7 +394,9 @@ int SplitMethodKey(const CMetaString& key, CMetaString& name, MethodKind& kind)
     name = CMetaString(text.substr(static_cast<std::size_t>(colon) + 1).c_str());
     const std::wstring prefix = text.substr(0, static_cast<std::size_t>(colon));
     for (const KindPrefix& row : kKindPrefixes) {
-        if (_wcsicmp(prefix.c_str(), row.word) == 0)
+        // The run-time's _wcsicmp is slow for its locale, and only a word of
+        // the same length can match.
+        if (prefix.size() == std::wcslen(row.word) && _wcsicmp(prefix.c_str(), row.word) == 0)
             kind = row.kind;
     }
     return 1;

@@ -9,7 +9,6 @@
 #include <cwchar>
 #include <iterator>
 #include <new>
-#include <string>
 
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
@@ -81,6 +80,18 @@ constexpr Row kByReferenceRows[] = {
 };
 
 constexpr wchar_t kNullObjectTag[] = L"<@NULLOBJECT>";
+constexpr wchar_t kByRefWord[] = L"VT_BYREF";
+
+// Equal texts, compared here: a call of the run-time's wcscmp costs more than
+// comparing such short words, and every argument walks the rows.
+bool SameText(const wchar_t* left, const wchar_t* right)
+{
+    while (*left != 0 && *left == *right) {
+        ++left;
+        ++right;
+    }
+    return *left == *right;
+}
 
 const Row* FindRow(const Row* rows, std::size_t count, const wchar_t* signature, bool contains)
 {
@@ -88,7 +99,7 @@ const Row* FindRow(const Row* rows, std::size_t count, const wchar_t* signature,
         for (const wchar_t* name : rows[at].names) {
             if (name == nullptr)
                 break;
-            if (contains ? std::wcsstr(signature, name) != nullptr : std::wcscmp(signature, name) == 0)
+            if (contains ? std::wcsstr(signature, name) != nullptr : SameText(signature, name))
                 return &rows[at];
         }
     }
@@ -301,33 +312,41 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     }
 
     VARTYPE vt = VarTypeFromSignature(type.signature.GetWide());
-    std::wstring signature = TextOf(type.signature);
+    const wchar_t* signature = TextOf(type.signature);
     if (type.type == MetaTypeEnum) {
         vt = VT_I4;
         signature = L"VT_I4";
     }
-    if (_wcsicmp(signature.c_str(), L"VT_BYREF") == 0)
+    // The run-time's _wcsicmp looks up the locale for every character, which
+    // costs more than the rest of a simple argument: only a text of the same
+    // length can match.
+    if (std::wcslen(signature) == std::size(kByRefWord) - 1 && _wcsicmp(signature, kByRefWord) == 0) {
+        // The type follows the word in any case of letters, not only as written.
         signature = L"VT_DISPATCH";
+        vt = static_cast<VARTYPE>(VT_DISPATCH | (vt & VT_BYREF));
+    }
     // A record out of a type library is signed like an object; a struct item
-    // has no handler to read, so it goes by the record road.
-    auto* record = dynamic_cast<CMetaObjectStruct*>(item);
-    if (record && type.type == MetaTypeStruct && signature == L"VT_DISPATCH") {
+    // has no handler to read, so it goes by the record road. Here and below an
+    // item's class is asked only where the answer counts: in this run-time a
+    // cast that fails compares type names as text.
+    if (type.type == MetaTypeStruct && SameText(signature, L"VT_DISPATCH") &&
+        dynamic_cast<CMetaObjectStruct*>(item)) {
         signature = L"VT_RECORD";
         vt = VT_RECORD;
     }
-    auto* object = dynamic_cast<CMetaObjectObject*>(item);
     const bool byRef = type.isByRef == 1;
 
-    const Row* row = byRef ? FindRow(kByReferenceRows, std::size(kByReferenceRows), signature.c_str(), true)
-                           : FindRow(kByValueRows, std::size(kByValueRows), signature.c_str(), false);
-    if (!row && byRef && object && type.type == MetaTypeObject) {
+    const Row* row = byRef ? FindRow(kByReferenceRows, std::size(kByReferenceRows), signature, true)
+                           : FindRow(kByValueRows, std::size(kByValueRows), signature, false);
+    if (!row && byRef && type.type == MetaTypeObject && dynamic_cast<CMetaObjectObject*>(item)) {
         // An object by reference under another signature still needs a pointer cell.
         static constexpr Row kObjectCell = {{L"VT_DISPATCH"}, Put::Object};
         row = &kObjectCell;
         vt = VT_DISPATCH;
     }
     if (!row && !byRef) {
-        if (object && type.type == MetaTypeObject) {
+        auto* object = type.type == MetaTypeObject ? dynamic_cast<CMetaObjectObject*>(item) : nullptr;
+        if (object) {
             out.vt = VT_DISPATCH;
             out.pdispVal = ObjectPointerOf(*object);
             return true;
@@ -340,7 +359,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
             return true;
         }
     }
-    if (!row && !byRef && signature == L"VT_VARIANT")
+    if (!row && !byRef && SameText(signature, L"VT_VARIANT"))
         return NaturalValue(item, out, false);
     if (!row)
         return false;
@@ -452,6 +471,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     }
     case Put::Object: {
+        auto* object = dynamic_cast<CMetaObjectObject*>(item);
         if (!object)
             return false;
         IDispatch* pointer = ObjectPointerOf(*object);
@@ -471,12 +491,14 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         }
         break;
     }
-    case Put::Record:
+    case Put::Record: {
+        auto* record = dynamic_cast<CMetaObjectStruct*>(item);
         if (!record)
             return false;
         out.vt = vt;
         RecordItemToVariant(record, out);
         return true;
+    }
     case Put::Variant: {
         auto* cell = static_cast<VARIANT*>(NewCell(sizeof(VARIANT)));
         out.pvarVal = cell;

@@ -225,7 +225,10 @@ MetaStatus CCOMMethodInvoke::Execute(CMethodInvokeStatus* status, CMetaObjectIte
         }
         if (result)
             *result = frame.result.vt != VT_EMPTY ? VariantToItem(frame.result) : nullptr;
-        record.description = SucceededText();
+        // A record used for call after call already holds the text: the same
+        // value, without a new copy each time.
+        if (record.description.Compare(SucceededText().GetWide(), 0) != 0)
+            record.description = SucceededText();
         record.code = 1;
         return MetaStatusOk;
     } catch (...) {

@@ -381,7 +381,8 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
 {
     if (!item)
         return false;
-    const CTypeDesc type(item->GetTypeDesc());
+    // Read only until the row is found, before the item changes: no copy needed.
+    const CTypeDesc& type = item->GetTypeDesc();
     const bool byRef = type.isByRef == 1;
     const wchar_t* signature = type.signature.IsEmpty() ? L"" : type.signature.GetWide();
     const WriteRow* row = FindWriteRow(signature, type, byRef);

@@ -257,12 +257,15 @@ TEST(ItemToVariantTest, ObjectsAreBorrowedByValueAndReferencedInCells)
 {
     CCountingDispatch object;
     {
-        ObjectItem holder(object, L"VT_BYREF");  // a bare VT_BYREF is an object
-        Argument argument(holder.item.get());
-        ASSERT_TRUE(argument.translated);
-        EXPECT_EQ(argument.value.vt, VT_DISPATCH);
-        EXPECT_EQ(argument.value.pdispVal, &object);
-        EXPECT_EQ(object.References(), 2);  // creator and handler, nothing more
+        // A bare VT_BYREF is an object, in any case of letters.
+        for (const wchar_t* signature : {L"VT_BYREF", L"vt_byref"}) {
+            ObjectItem holder(object, signature);
+            Argument argument(holder.item.get());
+            ASSERT_TRUE(argument.translated);
+            EXPECT_EQ(argument.value.vt, VT_DISPATCH);
+            EXPECT_EQ(argument.value.pdispVal, &object);
+            EXPECT_EQ(object.References(), 2);  // creator and handler, nothing more
+        }
     }
     EXPECT_EQ(object.References(), 1);
     {
