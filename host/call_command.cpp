@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <vector>
 
 #include "host/call_line.h"
 #include "host/tool_text.h"
@@ -113,16 +114,58 @@ std::string OneLine(const std::string& text)
     return line;
 }
 
+std::string ValueText(const json& item);
+
+// Elements come in the order of the walk, the last dimension fastest, so the
+// elements of one index of dimension d are a run of the product of the later counts.
+std::string NestedElements(const json& elements, const std::vector<std::int64_t>& counts, std::size_t dimension,
+                           std::size_t first)
+{
+    std::size_t stride = 1;
+    for (std::size_t later = dimension + 1; later < counts.size(); ++later)
+        stride *= static_cast<std::size_t>(counts[later]);
+    std::string text = "[";
+    for (std::int64_t index = 0; index < counts[dimension]; ++index) {
+        if (index > 0)
+            text += ", ";
+        const std::size_t at = first + static_cast<std::size_t>(index) * stride;
+        text += dimension + 1 == counts.size() ? ValueText(elements[at])
+                                               : NestedElements(elements, counts, dimension + 1, at);
+    }
+    return text + "]";
+}
+
+// "(0 to 1, 5 to 7) [[a, b, c], [d, e, f]]". A shape whose element count the
+// table doesn't match (a size left open) is shown flat.
+std::string ArrayText(const json& item)
+{
+    const json& elements = item["elements"];
+    std::vector<std::int64_t> counts;
+    std::string shape;
+    std::int64_t product = 1;
+    for (const json& bound : item.value("bounds", json::array())) {
+        const std::int64_t lower = bound["lower"].get<std::int64_t>();
+        const std::int64_t count = bound["count"].get<std::int64_t>();
+        shape += (shape.empty() ? "(" : ", ") + std::to_string(lower) + " to " + std::to_string(lower + count - 1);
+        counts.push_back(count);
+        product *= count;
+    }
+    shape += shape.empty() ? "" : ") ";
+    const bool fits = !counts.empty() && product >= 0 && static_cast<std::size_t>(product) == elements.size();
+    if (fits && product > 0)
+        return shape + NestedElements(elements, counts, 0, 0);
+    std::string text = "[";
+    for (const json& element : elements)
+        text += (text.size() > 1 ? ", " : "") + ValueText(element);
+    return shape + text + "]";
+}
+
 std::string ValueText(const json& item)
 {
     if (item.is_null())
         return "none";
-    if (item.contains("elements")) {
-        std::string text = "[";
-        for (const json& element : item["elements"])
-            text += (text.size() > 1 ? ", " : "") + ValueText(element);
-        return text + "]";
-    }
+    if (item.contains("elements"))
+        return ArrayText(item);
     if (item.contains("members")) {
         std::string text = "{";
         for (const json& member : item["members"])
@@ -137,6 +180,8 @@ std::string ValueText(const json& item)
     return text;
 }
 
+}  // namespace
+
 std::string ItemText(const json& item)
 {
     if (item.is_null())
@@ -147,7 +192,7 @@ std::string ItemText(const json& item)
     return ValueText(item) + "  [" + type + "]";
 }
 
-void PrintCall(const json& call)
+void PrintCallReport(const json& call)
 {
     std::printf("\n> %s\n", call["call"].get<std::string>().c_str());
     PrintRow("status:", call["status"]["name"].get<std::string>() + " (" +
@@ -165,8 +210,6 @@ void PrintCall(const json& call)
     }
     std::fflush(stdout);
 }
-
-}  // namespace
 
 int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallCommand& command)
 {
@@ -213,7 +256,7 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
                 if (outcome == CCallSession::Outcome::Failed)
                     exitCode = kExitCallFailed;
                 else if (!command.asJson)
-                    PrintCall(report);
+                    PrintCallReport(report);
             }
             document["handles"] = session.HandleCount();
             session.ReleaseHandles();

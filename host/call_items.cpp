@@ -590,7 +590,9 @@ json DescribeItem(CMetaObjectItem* item, CHandleTable& handles, const CTypeDesc*
         auto* array = static_cast<CMetaObjectArray*>(item);
         json bounds = json::array();
         for (const CArrayBound* bound : *type.bounds)
-            bounds.push_back({{"lower", bound->lowerBound}, {"count", bound->elementCount}});
+            bounds.push_back({{"lower", bound->lowerBound},
+                              {"upper", static_cast<std::int64_t>(bound->lowerBound) + bound->elementCount - 1},
+                              {"count", bound->elementCount}});
         json elements = json::array();
         for (std::int32_t slot = 0; array->elements && slot < array->elementCount; ++slot)
             elements.push_back(DescribeItem(array->elements[slot], handles));

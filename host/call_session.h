@@ -61,6 +61,8 @@ public:
     Outcome Run(const CallLine& line, nlohmann::json& report, std::string& failure);
 
     std::size_t HandleCount() const { return handles.Count(); }
+    // The handles of the session, for items that other operations return.
+    CHandleTable& Handles() { return handles; }
     // Gives back every returned object; the session can't be used after this.
     void ReleaseHandles() { handles.Clear(); }
 

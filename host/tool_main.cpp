@@ -12,9 +12,12 @@
 
 #include "host/call_command.h"
 #include "host/call_session.h"
+#include "host/classes_command.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "host/tool_text.h"
+#include "host/tour_command.h"
+#include "host/walk_command.h"
 #include "identity/com_identity.h"
 #include "metaobj/records.h"
 #include "plugin/handler_base.h"
@@ -52,6 +55,18 @@ and lines starting with # are skipped.
 
 Exit codes: 0 all calls succeeded; 1 the object couldn't be opened or a call
 failed (one line on stderr); 2 a call that couldn't be built from its text.)";
+
+constexpr const char* kWalkHelp = R"(The calls are written as for comtool call, and form a chain: a call
+without a handle goes to the object the call before it returned (the first to
+the opened object), so "Invoke:GetFolder C:\windows" "Get:Files" walks the
+files of that folder. The collection is the object the last call returned, or
+the opened object when there are no calls; a last argument that is a bare
+handle such as @1 walks that object instead. Elements that are objects get
+handles; --each runs a call on each of them (repeat --each for several).
+
+Exit codes: 0 the walk reached its end or --max; 1 the object couldn't be
+opened, a call failed, or the object is no collection; 2 a call that couldn't
+be read.)";
 
 void AddOpenOptions(CLI::App& command, Tool::OpenOptions& options, CLI::Option* needs)
 {
@@ -359,6 +374,24 @@ int main(int argc, char** argv)
         ->required();
     AddOpenOptions(*call, callCommand.options, nullptr);
     call->footer(kCallHelp);
+    Tool::WalkCommand walkCommand;
+    CLI::App* walk = app.add_subcommand("walk", "open an object, follow calls to a collection, and walk it");
+    walk->add_option("identity", walkCommand.identity, "identity string, such as COM://Scripting.FileSystemObject")
+        ->required();
+    walk->add_option("calls", walkCommand.calls,
+                     "calls in order, each to the object the one before returned, such as \"Get:Files\"; "
+                     "a last @N walks that handle");
+    walk->add_option("--skip", walkCommand.skip, "skip this many elements first");
+    walk->add_option("--max", walkCommand.max, "stop after this many elements")->check(CLI::NonNegativeNumber);
+    walk->add_option("--each", walkCommand.each, "a call to run on every element that is an object, such as Get:Name")
+        ->allow_extra_args(false);
+    AddOpenOptions(*walk, walkCommand.options, nullptr);
+    walk->footer(kWalkHelp);
+    std::string classPattern;
+    CLI::App* classes = app.add_subcommand("classes", "registered classes: ProgID, class id, threading, server, library");
+    classes->add_option("pattern", classPattern,
+                        "part of a ProgID or class id, or a wildcard with * and ?; case is ignored");
+    CLI::App* tour = app.add_subcommand("tour", "a short tour on a Scripting.Dictionary, with explanations");
     app.require_subcommand(0, 1);
 
     try {
@@ -389,6 +422,16 @@ int main(int argc, char** argv)
         Emit(described, asJson, PrintClass);
         // A class that can't be described is a failure a script can test for.
         return described["status"]["name"] == "Ok" ? 0 : kExitFailure;
+    } else if (*walk) {
+        walkCommand.asJson = asJson;
+        return Tool::RunWalkCommand(session.Module(), session.Host(), walkCommand);
+    } else if (*classes) {
+        const json listed = Tool::ListClasses(classPattern);
+        Emit(listed, asJson, Tool::PrintClasses);
+        // Nothing registered under the pattern is worth an exit code of its own.
+        return listed["count"].get<std::size_t>() > 0 ? 0 : kExitFailure;
+    } else if (*tour) {
+        return Tool::RunTour(session.Module(), session.Host());
     } else if (*call) {
         callCommand.asJson = asJson;
         return Tool::RunCallCommand(session.Module(), session.Host(), callCommand);

@@ -1,0 +1,153 @@
+#include "host/classes_command.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cwctype>
+
+#include "host/tool_text.h"
+#include "plugin/platform_handles.h"
+
+namespace Tool {
+
+using nlohmann::json;
+using MetaObj::RegKey;
+
+namespace {
+
+bool OpenKey(HKEY parent, const std::wstring& path, RegKey& key)
+{
+    return RegOpenKeyExW(parent, path.c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
+}
+
+// A text value, empty when there is none; name null for the key's default value.
+std::wstring ReadText(HKEY key, const wchar_t* name)
+{
+    wchar_t buffer[1024];
+    DWORD size = sizeof buffer - sizeof(wchar_t);
+    DWORD type = 0;
+    if (RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size) != ERROR_SUCCESS ||
+        (type != REG_SZ && type != REG_EXPAND_SZ))
+        return L"";
+    buffer[size / sizeof(wchar_t)] = L'\0';
+    return buffer;
+}
+
+std::wstring Lower(std::wstring text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return std::towlower(c); });
+    return text;
+}
+
+bool WildcardMatch(const wchar_t* pattern, const wchar_t* text)
+{
+    // Backtracks to the last star only, which is enough for * and ?.
+    const wchar_t* star = nullptr;
+    const wchar_t* resume = nullptr;
+    while (*text != L'\0') {
+        if (*pattern == L'?' || *pattern == *text) {
+            ++pattern;
+            ++text;
+        } else if (*pattern == L'*') {
+            star = pattern++;
+            resume = text;
+        } else if (star != nullptr) {
+            pattern = star + 1;
+            text = ++resume;
+        } else {
+            return false;
+        }
+    }
+    while (*pattern == L'*')
+        ++pattern;
+    return *pattern == L'\0';
+}
+
+// What HKCR\CLSID\{id} says of a class: its server, threading model and library.
+json DescribeClassId(const std::wstring& progId, const std::wstring& classId)
+{
+    json entry = {{"progId", Utf8(progId)},       {"classId", Utf8(classId)}, {"threadingModel", ""},
+                  {"serverKind", ""},             {"server", ""},             {"typeLibrary", nullptr},
+                  {"typeLibraryFound", false}};
+    RegKey classKey;
+    if (!OpenKey(HKEY_CLASSES_ROOT, L"CLSID\\" + classId, classKey))
+        return entry;
+    RegKey server;
+    if (OpenKey(classKey.Get(), L"InprocServer32", server)) {
+        entry["serverKind"] = "inproc";
+        entry["server"] = Utf8(ReadText(server.Get(), nullptr));
+        entry["threadingModel"] = Utf8(ReadText(server.Get(), L"ThreadingModel"));
+    } else if (OpenKey(classKey.Get(), L"LocalServer32", server)) {
+        entry["serverKind"] = "local";
+        entry["server"] = Utf8(ReadText(server.Get(), nullptr));
+    }
+    RegKey libraryOfClass;
+    if (OpenKey(classKey.Get(), L"TypeLib", libraryOfClass)) {
+        const std::wstring library = ReadText(libraryOfClass.Get(), nullptr);
+        if (!library.empty()) {
+            RegKey registered;
+            entry["typeLibrary"] = Utf8(library);
+            entry["typeLibraryFound"] = OpenKey(HKEY_CLASSES_ROOT, L"TypeLib\\" + library, registered);
+        }
+    }
+    return entry;
+}
+
+}  // namespace
+
+bool MatchesClassPattern(const std::wstring& pattern, const std::wstring& text)
+{
+    if (pattern.empty())
+        return true;
+    const std::wstring lowPattern = Lower(pattern);
+    const std::wstring lowText = Lower(text);
+    if (lowPattern.find_first_of(L"*?") != std::wstring::npos)
+        return WildcardMatch(lowPattern.c_str(), lowText.c_str());
+    return lowText.find(lowPattern) != std::wstring::npos;
+}
+
+json ListClasses(const std::string& pattern)
+{
+    const std::wstring wanted = Widen(pattern, CP_ACP);
+    json classes = json::array();
+    wchar_t name[256];
+    for (DWORD index = 0;; ++index) {
+        DWORD length = 256;
+        const LONG read = RegEnumKeyExW(HKEY_CLASSES_ROOT, index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        if (read == ERROR_MORE_DATA)
+            continue;
+        if (read != ERROR_SUCCESS)
+            break;
+        // File extensions and the registry's own trees have no class of their own.
+        if (name[0] == L'.' || name[0] == L'{')
+            continue;
+        RegKey classIdKey;
+        if (!OpenKey(HKEY_CLASSES_ROOT, std::wstring(name) + L"\\CLSID", classIdKey))
+            continue;
+        const std::wstring classId = ReadText(classIdKey.Get(), nullptr);
+        if (classId.empty() || (!MatchesClassPattern(wanted, name) && !MatchesClassPattern(wanted, classId)))
+            continue;
+        classes.push_back(DescribeClassId(name, classId));
+    }
+    return {{"pattern", pattern}, {"count", classes.size()}, {"classes", classes}};
+}
+
+void PrintClasses(const json& listed)
+{
+    for (const json& entry : listed["classes"]) {
+        const std::string library = entry["typeLibrary"].is_null()          ? "none"
+                                    : entry["typeLibraryFound"].get<bool>() ? "yes"
+                                                                            : "missing";
+        const std::string threading = entry["threadingModel"].get<std::string>();
+        std::printf("%s\n    class id %s, %s server %s, threading %s, type library %s\n",
+                    entry["progId"].get<std::string>().c_str(), entry["classId"].get<std::string>().c_str(),
+                    entry["serverKind"].get<std::string>().empty() ? "no" : entry["serverKind"].get<std::string>().c_str(),
+                    entry["server"].get<std::string>().c_str(), threading.empty() ? "-" : threading.c_str(),
+                    library.c_str());
+    }
+    const std::size_t count = listed["count"].get<std::size_t>();
+    std::printf("%zu class%s\n", count, count == 1 ? "" : "es");
+}
+
+}  // namespace Tool

@@ -1,0 +1,13 @@
+#pragma once
+// comtool tour: a short run on objects every machine has, with a line of
+// explanation per step, for someone who meets the module for the first time.
+
+#include "host/module_loader.h"
+#include "host/reference_host.h"
+
+namespace Tool {
+
+// 0 when every step did what it shows; 1 otherwise, with the step that failed said.
+int RunTour(CHandlerModule& module, CReferenceHost& host);
+
+}  // namespace Tool
