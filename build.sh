@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what is missing, builds the module for x86_64 (tested) and i686
 # (compiled and linked only), and then:
-#   ./build.sh run [comtool arguments]   runs the tool (no arguments: info and an example identity)
+#   ./build.sh run [comtool arguments]   runs the tool (no arguments: a short tour of what it does)
 #   ./build.sh test                      runs the whole test suite under Wine
 #   ./build.sh build                     stops after building
 set -eu
@@ -43,7 +43,9 @@ configure_and_build build x86_64
 configure_and_build build-i686 i686
 
 case "$command" in
-    run) exec build/comtool "$@" ;;
+    run)
+        [ $# -eq 0 ] && exec build/comtool tour
+        exec build/comtool "$@" ;;
     test) cd build && exec ctest --output-on-failure -j2 ;;
     build) ;;
     *) echo "usage: $0 [run [comtool arguments] | test | build]" >&2; exit 2 ;;

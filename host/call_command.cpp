@@ -4,9 +4,9 @@
 
 #include <cstdio>
 #include <iostream>
-#include <vector>
 
 #include "host/call_line.h"
+#include "host/item_text.h"
 #include "host/tool_text.h"
 
 namespace Tool {
@@ -91,108 +91,7 @@ void PrintRow(const std::string& label, const std::string& value)
     std::printf("%-18s %s\n", label.c_str(), value.c_str());
 }
 
-bool IsTextual(const json& item)
-{
-    const std::string type = item.value("metaType", "");
-    return type == "String" || type == "Char" || type == "Date" || type == "Currency";
-}
-
-// Line breaks and tabs are spelt out, so that every value stays on its row.
-std::string OneLine(const std::string& text)
-{
-    std::string line;
-    for (const char c : text) {
-        if (c == '\r')
-            line += "\\r";
-        else if (c == '\n')
-            line += "\\n";
-        else if (c == '\t')
-            line += "\\t";
-        else
-            line += c;
-    }
-    return line;
-}
-
-std::string ValueText(const json& item);
-
-// Elements come in the order of the walk, the last dimension fastest, so the
-// elements of one index of dimension d are a run of the product of the later counts.
-std::string NestedElements(const json& elements, const std::vector<std::int64_t>& counts, std::size_t dimension,
-                           std::size_t first)
-{
-    std::size_t stride = 1;
-    for (std::size_t later = dimension + 1; later < counts.size(); ++later)
-        stride *= static_cast<std::size_t>(counts[later]);
-    std::string text = "[";
-    for (std::int64_t index = 0; index < counts[dimension]; ++index) {
-        if (index > 0)
-            text += ", ";
-        const std::size_t at = first + static_cast<std::size_t>(index) * stride;
-        text += dimension + 1 == counts.size() ? ValueText(elements[at])
-                                               : NestedElements(elements, counts, dimension + 1, at);
-    }
-    return text + "]";
-}
-
-// "(0 to 1, 5 to 7) [[a, b, c], [d, e, f]]". A shape whose element count the
-// table doesn't match (a size left open) is shown flat.
-std::string ArrayText(const json& item)
-{
-    const json& elements = item["elements"];
-    std::vector<std::int64_t> counts;
-    std::string shape;
-    std::int64_t product = 1;
-    for (const json& bound : item.value("bounds", json::array())) {
-        const std::int64_t lower = bound["lower"].get<std::int64_t>();
-        const std::int64_t count = bound["count"].get<std::int64_t>();
-        shape += (shape.empty() ? "(" : ", ") + std::to_string(lower) + " to " + std::to_string(lower + count - 1);
-        counts.push_back(count);
-        product *= count;
-    }
-    shape += shape.empty() ? "" : ") ";
-    const bool fits = !counts.empty() && product >= 0 && static_cast<std::size_t>(product) == elements.size();
-    if (fits && product > 0)
-        return shape + NestedElements(elements, counts, 0, 0);
-    std::string text = "[";
-    for (const json& element : elements)
-        text += (text.size() > 1 ? ", " : "") + ValueText(element);
-    return shape + text + "]";
-}
-
-std::string ValueText(const json& item)
-{
-    if (item.is_null())
-        return "none";
-    if (item.contains("elements"))
-        return ArrayText(item);
-    if (item.contains("members")) {
-        std::string text = "{";
-        for (const json& member : item["members"])
-            text += (text.size() > 1 ? ", " : "") + member.value("name", "") + ": " + ValueText(member);
-        return text + "}";
-    }
-    std::string text = item.value("text", "");
-    if (IsTextual(item))
-        text = "\"" + OneLine(text) + "\"";
-    if (item.contains("enumName"))
-        text += " (" + item["enumName"].get<std::string>() + ")";
-    return text;
-}
-
-}  // namespace
-
-std::string ItemText(const json& item)
-{
-    if (item.is_null())
-        return "none";
-    std::string type = item["metaType"].get<std::string>() + ", " + item["class"].get<std::string>();
-    if (!item["signature"].get<std::string>().empty())
-        type += ", " + item["signature"].get<std::string>();
-    return ValueText(item) + "  [" + type + "]";
-}
-
-void PrintCallReport(const json& call)
+void PrintCall(const json& call)
 {
     std::printf("\n> %s\n", call["call"].get<std::string>().c_str());
     PrintRow("status:", call["status"]["name"].get<std::string>() + " (" +
@@ -210,6 +109,8 @@ void PrintCallReport(const json& call)
     }
     std::fflush(stdout);
 }
+
+}  // namespace
 
 int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallCommand& command)
 {
@@ -256,7 +157,7 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
                 if (outcome == CCallSession::Outcome::Failed)
                     exitCode = kExitCallFailed;
                 else if (!command.asJson)
-                    PrintCallReport(report);
+                    PrintCall(report);
             }
             document["handles"] = session.HandleCount();
             session.ReleaseHandles();

@@ -2,8 +2,6 @@
 // comtool call: opens one object and runs calls on it, from the command line
 // or from standard input, printing each as text or the whole run as JSON.
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <vector>
 
@@ -19,12 +17,6 @@ struct CallCommand {
     OpenOptions options;
     bool asJson = false;
 };
-
-// One value of a report as text: texts quoted, arrays by their bounds and
-// nested by dimension, then its meta type, class and signature in brackets.
-std::string ItemText(const nlohmann::json& item);
-// A call of a report as the text output shows it.
-void PrintCallReport(const nlohmann::json& call);
 
 constexpr int kExitCallFailed = 1;
 constexpr int kExitBadInput = 2;

@@ -7,6 +7,7 @@
 
 #include "host/call_command.h"
 #include "host/call_line.h"
+#include "host/item_text.h"
 #include "host/call_session.h"
 #include "host/tool_text.h"
 
