@@ -19,7 +19,6 @@ using namespace MetaObj;
 namespace {
 
 constexpr const char* kIdentity = "COM://Scripting.Dictionary";
-constexpr std::uint32_t kAllFields = 31;
 
 void Step(int number, const char* title, const char* why)
 {
@@ -66,7 +65,7 @@ bool WalkKeys(CMetaObjectHandler& dictionary, CCallSession& session)
     return counted == MetaStatusOk && next == MetaStatusOk && fetched == count;
 }
 
-// The members the catalogue lists, with what each returns.
+// The keys the catalogue lists, wrapped; describe shows each with its parameters.
 bool Describe(CMetaObjectHandler& dictionary)
 {
     CMethodNameList* keys = nullptr;
@@ -74,15 +73,18 @@ bool Describe(CMetaObjectHandler& dictionary)
         std::printf("   no catalogue\n");
         return false;
     }
-    std::printf("   %zu members:\n", keys->size());
+    std::printf("   %zu members:", keys->size());
+    std::size_t column = 80;
     for (const CMetaString& key : *keys) {
-        CMethodInfo* info = nullptr;
-        if (dictionary.GetMethodInfo(key, kAllFields, &info, 0) != MetaStatusOk || info == nullptr)
-            continue;
-        std::printf("     %-20s returns %s, %u parameter%s\n", Utf8(key).c_str(), Utf8(info->returnType.typeName).c_str(),
-                    static_cast<unsigned>(info->paramCount), info->paramCount == 1 ? "" : "s");
-        dictionary.FreeMethodInfo(info);
+        const std::string text = Utf8(key);
+        if (column + text.size() > 76) {
+            std::printf("\n    ");
+            column = 4;
+        }
+        std::printf(" %s", text.c_str());
+        column += text.size() + 1;
     }
+    std::printf("\n   comtool describe %s shows their parameters and types.\n", kIdentity);
     dictionary.FreeMethodNameList(keys);
     return true;
 }
@@ -111,7 +113,7 @@ bool Tour(CLiveObject& live)
          "A Dictionary enumerates its keys: open an enumerator, count, fetch elements, close.");
     ok = WalkKeys(live.Handler(), session) && ok;
 
-    Step(5, "Describe the object", "The catalogue lists every member a script can call, as keys.");
+    Step(5, "Describe the object", "The catalogue lists every member a script can call, by its key.");
     ok = Describe(live.Handler()) && ok;
     session.ReleaseHandles();
     return ok;

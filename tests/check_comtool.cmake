@@ -448,7 +448,6 @@ run_tool(0 tour)
 foreach(line "1. Create the object" "   catalogue: Ok (0)" "   > Get:Count                      3  [Int, CMetaObjectInt]"
              "   > Get:Item pear                  5  [Int, CMetaObjectInt]"
              "   > Invoke:Items                   (0 to 2) [\"3\", 5, \"ripe and red\"]"
-             "   CountElements: Ok (0), count 3" "     \"plum\"  [String, CMetaObjectString" "   13 members:"
-             "     Get:CompareMode      returns CompareMethod, 0 parameters")
+             "   CountElements: Ok (0), count 3" "     \"plum\"  [String, CMetaObjectString" "   13 members:\n     Setref:Item Set:Item Get:Item Invoke:Add")
   expect_out("${line}")
 endforeach()
