@@ -10,6 +10,7 @@
 #include "host/item_text.h"
 #include "host/call_session.h"
 #include "host/tool_text.h"
+#include "host/walk_command.h"
 
 namespace Tool {
 
@@ -44,24 +45,24 @@ bool Calls(CCallSession& session, std::initializer_list<const wchar_t*> texts)
 // The Dictionary is itself a collection: walking it gives its keys.
 bool WalkKeys(CMetaObjectHandler& dictionary, CCallSession& session)
 {
-    IEnumVARIANT* slot = nullptr;
-    const MetaStatus opened = dictionary.OpenEnumerator(&slot);
+    CEnumeratorSlot enumerator(dictionary);
+    IEnumVARIANT** slot = enumerator.Slot();
+    const MetaStatus opened = dictionary.OpenEnumerator(slot);
     if (opened != MetaStatusOk) {
         std::printf("   OpenEnumerator: %s\n", StatusText(opened).c_str());
         return false;
     }
     std::uint32_t count = 0;
-    const MetaStatus counted = dictionary.CountElements(&slot, &count);
+    const MetaStatus counted = dictionary.CountElements(slot, &count);
     std::printf("   CountElements: %s, count %u\n", StatusText(counted).c_str(), static_cast<unsigned>(count));
     CItemList items;
     std::uint32_t fetched = 0;
-    const MetaStatus next = dictionary.NextElements(&slot, 16, items, &fetched);
+    const MetaStatus next = dictionary.NextElements(slot, 16, items, &fetched);
     std::printf("   NextElements(16): %s, fetched %u\n", StatusText(next).c_str(), static_cast<unsigned>(fetched));
     for (CMetaObjectItem* item : items) {
         ModuleItem owned(item, ModuleItemDeleter{&dictionary});
         std::printf("     %s\n", ItemText(DescribeItem(item, session.Handles())).c_str());
     }
-    dictionary.CloseEnumerator(&slot);
     return counted == MetaStatusOk && next == MetaStatusOk && fetched == count;
 }
 

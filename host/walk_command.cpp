@@ -39,25 +39,6 @@ bool ParseAll(const std::vector<std::string>& texts, std::vector<CallLine>& line
     return true;
 }
 
-// The caller's enumerator slot, closed through the handler that opened it.
-class CEnumeratorSlot {
-public:
-    explicit CEnumeratorSlot(CMetaObjectHandler& handler) : handler(handler) {}
-    ~CEnumeratorSlot()
-    {
-        if (slot != nullptr)
-            handler.CloseEnumerator(&slot);
-    }
-    CEnumeratorSlot(const CEnumeratorSlot&) = delete;
-    CEnumeratorSlot& operator=(const CEnumeratorSlot&) = delete;
-
-    IEnumVARIANT** Slot() { return &slot; }
-
-private:
-    CMetaObjectHandler& handler;
-    IEnumVARIANT* slot = nullptr;
-};
-
 void PrintRow(const std::string& label, const std::string& value)
 {
     std::printf("%-18s %s\n", label.c_str(), value.c_str());

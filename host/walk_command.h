@@ -9,6 +9,7 @@
 #include "host/call_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
+#include "plugin/handler_base.h"
 
 namespace Tool {
 
@@ -22,6 +23,26 @@ struct WalkCommand {
     std::uint32_t skip = 0;
     std::int64_t max = -1;  // -1: to the end
     bool asJson = false;
+};
+
+// The caller's enumerator slot, closed on destruction through the handler that
+// opened it; the handler's object must outlive it.
+class CEnumeratorSlot {
+public:
+    explicit CEnumeratorSlot(MetaObj::CMetaObjectHandler& handler) : handler(handler) {}
+    ~CEnumeratorSlot()
+    {
+        if (slot != nullptr)
+            handler.CloseEnumerator(&slot);
+    }
+    CEnumeratorSlot(const CEnumeratorSlot&) = delete;
+    CEnumeratorSlot& operator=(const CEnumeratorSlot&) = delete;
+
+    IEnumVARIANT** Slot() { return &slot; }
+
+private:
+    MetaObj::CMetaObjectHandler& handler;
+    IEnumVARIANT* slot = nullptr;
 };
 
 // 0 when the walk reached its end or its maximum; kExitCallFailed when the
