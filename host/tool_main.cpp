@@ -60,7 +60,7 @@ constexpr const char* kWalkHelp = R"(The calls are written as for comtool call, 
 without a handle goes to the object the call before it returned (the first to
 the opened object), so "Invoke:GetFolder C:\windows" "Get:Files" walks the
 files of that folder. The collection is the object the last call returned, or
-the opened object when there are no calls; a last argument that is a bare
+the opened object when it returned none; a last argument that is a bare
 handle such as @1 walks that object instead. Elements that are objects get
 handles; --each runs a call on each of them (repeat --each for several).
 
