@@ -84,18 +84,15 @@ MetaStatus CountByWalking(IEnumVARIANT* enumerator, std::uint32_t& count)
     for (;;) {
         ULONG fetched = kFetchedUnset;
         const HRESULT hr = copy->Next(kCountBatch, batch.Get(), &fetched);
-        const bool told = fetched != kFetchedUnset;
-        const ULONG filled = told ? FilledCount(fetched, kCountBatch) : NonEmptyCount(batch, kCountBatch);
+        // An enumerator that doesn't say how many it gave is read by what it
+        // left in the batch.
+        const ULONG filled =
+            fetched != kFetchedUnset ? FilledCount(fetched, kCountBatch) : NonEmptyCount(batch, kCountBatch);
         batch.Clear(kCountBatch);
-        if (hr != S_OK) {
-            count += filled;
-            return MetaStatusOk;
-        }
-        // Exactly S_OK means a full batch and more to come. One that says it
-        // gave fewer is taken at its word, and one that gave nothing ends the
-        // walk rather than loop for ever.
-        count += told ? filled : kCountBatch;
-        if (filled == 0)
+        count += filled;
+        // Exactly S_OK means a full batch and more to come. One that gave
+        // nothing ends the walk all the same, rather than loop for ever.
+        if (hr != S_OK || filled == 0)
             return MetaStatusOk;
     }
 }

@@ -293,8 +293,10 @@ TEST_F(CollectionTest, CountingByThePropertyOrByWalkingACopy)
         {"an empty collection", kNoCount, 0, 0, 3},
         {"a count that is a text: walked", kCountText, 600, 600, 5},
         {"neither the property nor a copy", kNoCount | kNoClone, 600, 0, 1},
+        // 3 a call with S_OK, even the last that gives nothing: the walk stops there.
         {"fewer than asked with S_OK", kNoCount | kShortBatches, 20, 20, 10},
         {"no fetched count", kNoCount | kNoFetched, 600, 600, 5},
+        {"no fetched count, fewer than asked with S_OK", kNoCount | kNoFetched | kShortBatches, 20, 20, 10},
         {"a copy that fails at once", kNoCount | kFailMidWalk, 600, 0, 3},
         {"empty elements are counted by a fetched count", kNoCount | kOddTypes, 9, 9, 3},
     };

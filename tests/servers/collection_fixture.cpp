@@ -376,9 +376,9 @@ HRESULT CEnumerator::Next(ULONG asked, VARIANT* out, ULONG* fetched)
     }
     if (fetched != nullptr && !collection.Has(kNoFetched))
         *fetched = given;
-    // A short enumerator says S_OK for whatever it gave, as long as it gave something.
+    // A short enumerator says S_OK whatever it gave, even nothing at the end.
     if (collection.Has(kShortBatches))
-        return given > 0 ? S_OK : S_FALSE;
+        return S_OK;
     return given == asked ? S_OK : S_FALSE;
 }
 

@@ -22,7 +22,7 @@ enum CollectionFlags : std::int32_t {
     kNewEnumNotEnum = 0x20,    // _NewEnum gives an object without IEnumVARIANT
     kNoCount = 0x40,           // id 1 is DISP_E_MEMBERNOTFOUND
     kCountText = 0x80,         // id 1 gives the text "many"
-    kShortBatches = 0x100,     // Next gives at most kShortBatch with S_OK
+    kShortBatches = 0x100,     // Next gives at most kShortBatch, always with S_OK
     kNoFetched = 0x200,        // Next never writes the fetched count
     kOddTypes = 0x400,         // element i by i % 4: VT_I4 i, VT_I8 i, VT_EMPTY, VT_RECORD {i}
     kObjects = 0x800,          // element i is a new IFixtureElement with Index i, VT_DISPATCH
