@@ -292,6 +292,7 @@ TEST_F(CollectionTest, CountingByThePropertyOrByWalkingACopy)
         {"exactly 500 by walking: 250, 250, 0", kNoCount, 500, 500, 5},
         {"an empty collection", kNoCount, 0, 0, 3},
         {"a count that is a text: walked", kCountText, 600, 600, 5},
+        {"a negative count: walked", kCountNegative, 600, 600, 5},
         {"neither the property nor a copy", kNoCount | kNoClone, 600, 0, 1},
         // 3 a call with S_OK, even the last that gives nothing: the walk stops there.
         {"fewer than asked with S_OK", kNoCount | kShortBatches, 20, 20, 10},

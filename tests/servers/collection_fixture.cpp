@@ -276,7 +276,7 @@ public:
                 V_BSTR(result) = SysAllocString(kCountTextValue);
                 return V_BSTR(result) ? S_OK : E_OUTOFMEMORY;
             }
-            return Number(size, result);
+            return Number(Has(kCountNegative) ? -5 : size, result);
         case 2:
             return Number(enumeratorCalls, result);
         case 3:

@@ -30,6 +30,7 @@ enum CollectionFlags : std::int32_t {
     kFailMidWalk = 0x2000,     // Next and Skip fail with E_FAIL from element kFailAt on
     kNoClone = 0x4000,         // Clone is E_NOTIMPL
     kResetFails = 0x8000,      // Reset is E_FAIL
+    kCountNegative = 0x10000,  // id 1 gives -5
 };
 constexpr std::int32_t kShortBatch = 3;
 constexpr std::int32_t kFailAt = 10;
