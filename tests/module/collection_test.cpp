@@ -310,8 +310,9 @@ TEST_F(CollectionTest, CountingByThePropertyOrByWalkingACopy)
             IEnumVARIANT* slot = nullptr;
             ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
             const bool hasElements = row.size > 1 && !(row.flags & kOddTypes);
-            if (hasElements && !(row.flags & kFailMidWalk))
+            if (hasElements && !(row.flags & kFailMidWalk)) {
                 EXPECT_EQ(Describe(Next(handler, &slot, 1)), "0");
+            }
             const long liveBefore = server.LiveObjects();
 
             const LONG callsBefore = EnumeratorCalls(object);
@@ -321,8 +322,9 @@ TEST_F(CollectionTest, CountingByThePropertyOrByWalkingACopy)
             // The copy is gone, and the slot's enumerator is where it was.
             EXPECT_EQ(server.LiveObjects(), liveBefore);
             EXPECT_EQ(RefCount(slot), 1u);
-            if (hasElements && !(row.flags & kFailMidWalk))
+            if (hasElements && !(row.flags & kFailMidWalk)) {
                 EXPECT_EQ(Describe(Next(handler, &slot, 1)), "1");
+            }
             EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
         }
     });
