@@ -366,13 +366,6 @@ endif()
 
 # --- walk and the tour: collections and arrays through the module ---
 
-# Until the module walks collections and translates arrays, these parts wait.
-execute_process(COMMAND ${COMTOOL} walk COM://Scripting.Dictionary OUTPUT_QUIET ERROR_VARIABLE err)
-if(err MATCHES "NoCollection")
-  message(STATUS "the module walks no collection yet: walk and tour checks skipped")
-  return()
-endif()
-
 # A Dictionary walks its keys. The calls go to the Dictionary, since they return
 # no object; skip and max cut the walk, and the count stays the whole.
 run_tool(0 --json walk COM://Scripting.Dictionary "Invoke:Add a 1" "Invoke:Add b 2" "Invoke:Add c 3")
@@ -433,6 +426,22 @@ run_tool(1 walk COM://MSXML2.DOMDocument.6.0 "Invoke:loadXML <r><a/></r>" "Get:d
   --each Get:NoSuchMember)
 expect_error_line("@3 Get:NoSuchMember failed")
 
+# The tour: every step ran, and what a newcomer should see is there.
+run_tool(0 tour)
+foreach(line "1. Create the object" "   catalogue: Ok (0)" "   > Get:Count                      3  [Int, CMetaObjectInt]"
+             "   > Get:Item pear                  5  [Int, CMetaObjectInt]"
+             "   CountElements: Ok (0), count 3" "     \"plum\"  [String, CMetaObjectString" "   13 members:\n     Setref:Item Set:Item Get:Item Invoke:Add")
+  expect_out("${line}")
+endforeach()
+
+# Until the module translates arrays, these checks wait.
+run_tool(0 --json call COM://Scripting.Dictionary "Invoke:Add a 1" "Invoke:Items")
+string(JSON items TYPE "${out}" calls 1 result)
+if(items STREQUAL "NULL")
+  message(STATUS "the module translates no arrays yet: array checks skipped")
+  return()
+endif()
+
 # Arrays in results: a Dictionary's Items is a Variant array; VBScript builds
 # two- and three-dimensional ones.
 run_tool(0 --json call COM://Scripting.Dictionary "Invoke:Add a 1" "Invoke:Add b int:2" "Invoke:Items")
@@ -447,11 +456,5 @@ expect_out("result:            (0 to 1, 0 to 2) [[1, 2, 3], [4, 5, 6]]  [Array, 
 expect_out("result:            (0 to 1, 0 to 1, 0 to 1) [[[(0 to 1) [1, \"x\"], ")
 expect_out(", 8]]]  [Array, CMetaObjectArray")
 
-# The tour: every step ran, and what a newcomer should see is there.
 run_tool(0 tour)
-foreach(line "1. Create the object" "   catalogue: Ok (0)" "   > Get:Count                      3  [Int, CMetaObjectInt]"
-             "   > Get:Item pear                  5  [Int, CMetaObjectInt]"
-             "   > Invoke:Items                   (0 to 2) [\"3\", 5, \"ripe and red\"]"
-             "   CountElements: Ok (0), count 3" "     \"plum\"  [String, CMetaObjectString" "   13 members:\n     Setref:Item Set:Item Get:Item Invoke:Add")
-  expect_out("${line}")
-endforeach()
+expect_out("   > Invoke:Items                   (0 to 2) [\"3\", 5, \"ripe and red\"]  [Array, CMetaObjectArray")
