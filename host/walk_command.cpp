@@ -162,13 +162,20 @@ private:
         const MetaStatus countStatus = collection->CountElements(enumerator.Slot(), &count);
         document["count"] = countStatus == MetaStatusOk ? json(count) : json(nullptr);
         document["countStatus"] = StatusOf(countStatus);
+        const MetaStatus skipStatus =
+            command.skip > 0 ? collection->SkipElements(enumerator.Slot(), command.skip) : MetaStatusOk;
         if (command.skip > 0)
-            document["skipStatus"] = StatusOf(collection->SkipElements(enumerator.Slot(), command.skip));
+            document["skipStatus"] = StatusOf(skipStatus);
         if (!command.asJson) {
             PrintRow("collection:", shownCollection.empty() ? "the object" : shownCollection);
             PrintRow("count:", countStatus == MetaStatusOk ? std::to_string(count) : StatusText(countStatus));
-            if (command.skip > 0)
+            if (command.skip > 0 && skipStatus == MetaStatusOk)
                 PrintRow("skipped:", std::to_string(command.skip));
+        }
+        // Where a failed skip left the enumerator is unknown, so the walk ends there.
+        if (skipStatus != MetaStatusOk) {
+            failure = "skipping " + std::to_string(command.skip) + " elements failed: status " + StatusText(skipStatus);
+            return kExitCallFailed;
         }
 
         std::uint32_t index = command.skip;

@@ -413,6 +413,45 @@ run_tool(0 --json walk COM://VBScript.RegExp "Set:Pattern \\d+" "Set:Global true
 expect_json_rows("count=3" "elements.0.calls.0.result.text=1" "elements.1.calls.0.result.text=22"
                  "elements.2.calls.0.result.text=333" "elements.2.calls.1.result.text=8" "handlersInUse=0")
 
+# The collection fixture: Make(flags, size) gives collections that misbehave on
+# request. A row: flags, size, walk options, exit, then fragments of the output,
+# one an argument ("!" in front: must be absent). Arguments are read one by one,
+# since a list splits badly at the brackets of the output.
+function(fixture_walk flags size options expected_exit)
+  run_tool(${expected_exit} walk COM://ComHandlerTest.CollectionFixture "Invoke:Make ${flags} ${size}" ${options})
+  math(EXPR last "${ARGC} - 1")
+  foreach(index RANGE 4 ${last})
+    set(fragment "${ARGV${index}}")
+    if(fragment MATCHES "^!")
+      string(SUBSTRING "${fragment}" 1 -1 absent)
+      string(FIND "${out}" "${absent}" at)
+      if(NOT at EQUAL -1)
+        message(FATAL_ERROR "Make ${flags} ${size}: output has '${absent}':\n${out}")
+      endif()
+    else()
+      expect_out("${fragment}")
+    endif()
+  endforeach()
+  set(err "${err}" PARENT_SCOPE)
+endfunction()
+fixture_walk(0 600 "--max;2" 0 "count:             600\n[0] 0  [Int, CMetaObjectInt]\n[1] 1  [Int" "!\n[2]")
+# Short batches with S_OK don't end the walk; only an empty one does.
+fixture_walk(256 40 "--skip;35" 0 "skipped:           35\n[35] 35  [Int" "[39] 39  [Int" "!\n[40]")
+fixture_walk(512 5 "" 0 "[4] 4  [Int")
+fixture_walk(1 2 "" 0 "count:             2\n[0] 0  [Int")
+fixture_walk(64 3 "" 0 "count:             3\n[0] 0")
+# Elements of a type without an item are dropped, and the index doesn't count them.
+fixture_walk(1024 4 "" 0 "[2] {}  [Struct, CMetaObjectStruct]" "!\n[3]")
+fixture_walk(2048 2 "--each;Get:Index" 0 "[1] @3  [Object, CMetaObjectObject]\n    Get:Index = 1  [Int")
+fixture_walk(32 2 "" 1 "!\ncount:")
+# A skip that fails ends the walk: where it left the enumerator is unknown.
+fixture_walk(8192 20 "--skip;12" 1 "count:             20\n" "!skipped:" "!\n[12]")
+expect_error_line("skipping 12 elements failed: status NoCollection (13)")
+run_tool(1 walk COM://ComHandlerTest.CollectionFixture "Invoke:Make 8192 20")
+expect_error_line("the walk stopped after 0 elements: status BadType (12)")
+run_tool(1 walk COM://ComHandlerTest.CollectionFixture "Invoke:Make 2 2")
+expect_error_line("@1 is no collection: status NoCollection (13)")
+
 # What isn't a collection, or can't be reached, says so on one line.
 run_tool(1 walk COM://VBScript.RegExp)
 expect_error_line("COM://VBScript.RegExp is no collection: status NoCollection (13)")
