@@ -64,32 +64,53 @@ bool WildcardMatch(const wchar_t* pattern, const wchar_t* text)
     return *pattern == L'\0';
 }
 
-// What HKCR\CLSID\{id} says of a class: its server, threading model and library.
-json DescribeClassId(const std::wstring& progId, const std::wstring& classId)
+// Row labels of the module's GetObjectInfo and the server kind each names.
+struct ServerRow {
+    const char* label;
+    const char* kind;
+};
+constexpr ServerRow kServerRows[] = {
+    {"InprocServer32", "inproc"},
+    {"LocalServer32", "local"},
+    {"RemoteServerName", "remote"},
+    {"Server Location", "other"},
+};
+
+// What the module's attribute rows say of a class; whether its library is
+// registered is read here, since the rows give only the library's identifier.
+json DescribeClass(MetaObj::CMetaObjectHandler& handler, const std::wstring& progId, const std::wstring& classId)
 {
-    json entry = {{"progId", Utf8(progId)},       {"classId", Utf8(classId)}, {"threadingModel", ""},
-                  {"serverKind", ""},             {"server", ""},             {"typeLibrary", nullptr},
-                  {"typeLibraryFound", false}};
-    RegKey classKey;
-    if (!OpenKey(HKEY_CLASSES_ROOT, L"CLSID\\" + classId, classKey))
-        return entry;
-    RegKey server;
-    if (OpenKey(classKey.Get(), L"InprocServer32", server)) {
-        entry["serverKind"] = "inproc";
-        entry["server"] = Utf8(ReadText(server.Get(), nullptr));
-        entry["threadingModel"] = Utf8(ReadText(server.Get(), L"ThreadingModel"));
-    } else if (OpenKey(classKey.Get(), L"LocalServer32", server)) {
-        entry["serverKind"] = "local";
-        entry["server"] = Utf8(ReadText(server.Get(), nullptr));
-    }
-    RegKey libraryOfClass;
-    if (OpenKey(classKey.Get(), L"TypeLib", libraryOfClass)) {
-        const std::wstring library = ReadText(libraryOfClass.Get(), nullptr);
-        if (!library.empty()) {
-            RegKey registered;
-            entry["typeLibrary"] = Utf8(library);
-            entry["typeLibraryFound"] = OpenKey(HKEY_CLASSES_ROOT, L"TypeLib\\" + library, registered);
+    json entry = {{"progId", Utf8(progId)}, {"classId", Utf8(classId)}, {"version", ""},
+                  {"threadingModel", ""},   {"serverKind", ""},         {"server", ""},
+                  {"typeLibrary", nullptr}, {"typeLibraryFound", false}};
+    MetaObj::CObjectInfo* info = nullptr;
+    const std::string identity = "COM://" + Utf8(progId);
+    if (handler.GetObjectInfo(&info, identity.c_str(), true) == MetaObj::MetaStatusOk && info != nullptr) {
+        for (const MetaObj::CObjectProperty* row : info->properties) {
+            const std::string label = Utf8(row->name);
+            const std::string value = Utf8(row->value);
+            if (label == "Class ID" && !value.empty())
+                entry["classId"] = value;
+            else if (label == "Version")
+                entry["version"] = value;
+            else if (label == "Threading Model")
+                entry["threadingModel"] = value;
+            else if (label == "Type Library")
+                entry["typeLibrary"] = value;
+            for (const ServerRow& server : kServerRows) {
+                if (label == server.label) {
+                    entry["serverKind"] = server.kind;
+                    entry["server"] = value;
+                }
+            }
         }
+    }
+    if (info != nullptr)
+        handler.FreeObjectInfo(info);
+    if (entry["typeLibrary"].is_string()) {
+        RegKey registered;
+        entry["typeLibraryFound"] =
+            OpenKey(HKEY_CLASSES_ROOT, L"TypeLib\\" + Widen(entry["typeLibrary"].get<std::string>(), CP_UTF8), registered);
     }
     return entry;
 }
@@ -107,7 +128,7 @@ bool MatchesClassPattern(const std::wstring& pattern, const std::wstring& text)
     return lowText.find(lowPattern) != std::wstring::npos;
 }
 
-json ListClasses(const std::string& pattern)
+json ListClasses(MetaObj::CMetaObjectHandler& handler, const std::string& pattern)
 {
     const std::wstring wanted = Widen(pattern, CP_ACP);
     json classes = json::array();
@@ -128,7 +149,7 @@ json ListClasses(const std::string& pattern)
         const std::wstring classId = ReadText(classIdKey.Get(), nullptr);
         if (classId.empty() || (!MatchesClassPattern(wanted, name) && !MatchesClassPattern(wanted, classId)))
             continue;
-        classes.push_back(DescribeClassId(name, classId));
+        classes.push_back(DescribeClass(handler, name, classId));
     }
     return {{"pattern", pattern}, {"count", classes.size()}, {"classes", classes}};
 }

@@ -5,6 +5,9 @@
 
 #include <string>
 
+#include "metaobj/records.h"
+#include "plugin/handler_base.h"
+
 namespace Tool {
 
 // A pattern with * or ? matches the whole ProgID or class identifier as a
@@ -12,9 +15,11 @@ namespace Tool {
 // an empty pattern matches everything.
 bool MatchesClassPattern(const std::wstring& pattern, const std::wstring& text);
 
-// {"pattern", "count", "classes": [{"progId", "classId", "threadingModel",
-// "serverKind", "server", "typeLibrary", "typeLibraryFound"}]}, by ProgID.
-nlohmann::json ListClasses(const std::string& pattern);
+// The ProgIDs under HKEY_CLASSES_ROOT that match, each described by the
+// handler's attribute rows: {"pattern", "count", "classes": [{"progId",
+// "classId", "version", "threadingModel", "serverKind", "server",
+// "typeLibrary", "typeLibraryFound"}]}, in the registry's order.
+nlohmann::json ListClasses(MetaObj::CMetaObjectHandler& handler, const std::string& pattern);
 
 void PrintClasses(const nlohmann::json& listed);
 

@@ -426,7 +426,10 @@ int main(int argc, char** argv)
         walkCommand.asJson = asJson;
         return Tool::RunWalkCommand(session.Module(), session.Host(), walkCommand);
     } else if (*classes) {
-        const json listed = Tool::ListClasses(classPattern);
+        MetaObj::CMetaObjectHandler* handler = session.Module().GetHandlerObject();
+        const json listed = Tool::ListClasses(*handler, classPattern);
+        handler->Release();
+        session.Module().FreeHandlerObject(handler);
         Emit(listed, asJson, Tool::PrintClasses);
         // Nothing registered under the pattern is worth an exit code of its own.
         return listed["count"].get<std::size_t>() > 0 ? 0 : kExitFailure;

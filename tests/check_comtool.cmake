@@ -335,11 +335,16 @@ expect_error_line("cannot open COM://Scripting.Dictionary: status NoObject (3)")
 # A part of a ProgID, with every field of the row.
 run_tool(0 --json classes scripting.dictionary)
 expect_json_rows("count=1" "classes.0.progId=Scripting.Dictionary" "classes.0.classId={EE09B103-97E0-11CF-978F-00A02463E06F}"
-                 "classes.0.threadingModel=Apartment" "classes.0.serverKind=inproc" "classes.0.typeLibraryFound=ON")
+                 "classes.0.threadingModel=Apartment" "classes.0.serverKind=inproc" "classes.0.version=1.0"
+                 "classes.0.typeLibrary={420B2830-E718-11CF-893D-00A0C9054228}" "classes.0.typeLibraryFound=ON")
 string(JSON server GET "${out}" classes 0 server)
 if(NOT server MATCHES "scrrun\\.dll$")
   message(FATAL_ERROR "Scripting.Dictionary served by '${server}'")
 endif()
+# The fixture classes, registered by the test's setup, are found by the wildcard.
+run_tool(0 --json classes "comhandlertest.c*fixture")
+expect_json_rows("count=2" "classes.0.progId=ComHandlerTest.CallFixture" "classes.0.threadingModel=Both"
+                 "classes.1.progId=ComHandlerTest.CollectionFixture" "classes.1.typeLibraryFound=ON")
 # A wildcard matches the whole name: DOMDocument.6.0 and its kin, not DOMDocument
 # or DOMDocument.2.6.
 run_tool(0 --json classes "MSXML2.DOMDocument.?.0")
