@@ -132,7 +132,7 @@ int RunTour(CHandlerModule& module, CReferenceHost& host)
     }
     host.FreeReleasedHandlers(module.FreeHandlerObject);
     std::printf(ok ? "\nNext: comtool describe, call, walk and classes; comtool --help says more.\n"
-                   : "\nThe tour stopped at a step that failed.\n");
+                   : "\nA step of the tour failed: see above.\n");
     std::fflush(stdout);
     return ok ? 0 : 1;
 }

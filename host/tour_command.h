@@ -7,7 +7,8 @@
 
 namespace Tool {
 
-// 0 when every step did what it shows; 1 otherwise, with the step that failed said.
+// 0 when every step did what it shows; 1 otherwise. A step that fails says
+// why, and the later steps still run.
 int RunTour(CHandlerModule& module, CReferenceHost& host);
 
 }  // namespace Tool
