@@ -123,8 +123,12 @@ bool CMetaObjectArray::InitElements(const CTypeDesc& type)
 void CMetaObjectArray::ClearElements()
 {
     if (elements) {
-        for (std::int32_t slot = 0; slot < elementCount; ++slot)
+        for (std::int32_t slot = 0; slot < elementCount; ++slot) {
+            // The array is the holder of its object items: each gives its use back.
+            if (elements[slot])
+                elements[slot]->Clear();
             delete elements[slot];
+        }
         delete[] elements;
     }
     elements = nullptr;
