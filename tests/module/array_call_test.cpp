@@ -1,6 +1,7 @@
-// Arrays through the module's exports on platform objects that nobody here
-// wrote: the Dictionary's Items and Keys, arrays that VBScript builds, and
-// arrays that go to an object and come back from it.
+// Arrays through the module's exports: on platform objects that nobody here
+// wrote (the Dictionary's Items and Keys, arrays that VBScript builds, arrays
+// that go to an object and come back from it), and on the array fixture for
+// what those can't show.
 
 #include <objbase.h>
 #include <oleauto.h>
@@ -142,8 +143,41 @@ protected:
         return control;
     }
 
+    // The registered array fixture, and what its Live property counts now.
+    CMetaObjectHandler* Fixture()
+    {
+        CMetaObjectHandler* fixture = NewHandler();
+        EXPECT_EQ(fixture->Open("COM://ComHandlerTest.ArrayFixture", nullptr), MetaStatusOk);
+        return fixture;
+    }
+    std::int32_t Live(CMetaObjectHandler& fixture)
+    {
+        Outcome live = Call(fixture, L"Get:Live");
+        const std::int32_t count = live.result ? dynamic_cast<CMetaObjectInt&>(*live.result).value : -1;
+        Free(fixture, live.result);
+        return count;
+    }
+    static ItemPtr Int(std::int32_t value, const wchar_t* signature)
+    {
+        auto* item = new CMetaObjectInt(value);
+        item->GetTypeDesc().signature = CMetaString(signature);
+        return ItemPtr(item);
+    }
+
     CReferenceHost host;
 };
+
+std::vector<std::wstring> Texts(const CMetaObjectArray& array)
+{
+    std::vector<std::wstring> texts;
+    for (std::int32_t at = 0; at < array.elementCount; ++at) {
+        CMetaString text;
+        if (array.elements[at])
+            array.elements[at]->GetValue(text);
+        texts.push_back(array.elements[at] ? Wide(text) : L"<null>");
+    }
+    return texts;
+}
 
 TEST_F(ArrayCallTest, DictionaryItemsAndKeysComeAsVariantArrays)
 {
@@ -369,6 +403,179 @@ TEST_F(ArrayCallTest, AnInOutArrayComesBackIntoTheItem)
         }
         Free(*control, made.result);
         Done(control);
+    });
+}
+
+// Each row: an array the fixture makes, then the same elements sent back to
+// it under the row's signature and echoed, compared element by element.
+TEST_F(ArrayCallTest, EveryElementTypeComesFromTheFixtureAndGoesBack)
+{
+    RunLive([&] {
+        CMetaObjectHandler* fixture = Fixture();
+        const struct {
+            const char* name;
+            VARTYPE type;
+            const wchar_t* signature;
+        } rows[] = {
+            {"I1", VT_I1, L"VT_I1|VT_ARRAY"},       {"UI1", VT_UI1, L"VT_UI1|VT_ARRAY"},
+            {"I2", VT_I2, L"VT_I2|VT_ARRAY"},       {"UI2", VT_UI2, L"VT_UI2|VT_ARRAY"},
+            {"I4", VT_I4, L"VT_I4|VT_ARRAY"},       {"UI4", VT_UI4, L"VT_UI4|VT_ARRAY"},
+            {"R4", VT_R4, L"VT_R4|VT_ARRAY"},       {"R8", VT_R8, L"VT_R8|VT_ARRAY"},
+            {"BOOL", VT_BOOL, L"VT_BOOL|VT_ARRAY"}, {"BSTR", VT_BSTR, L"VT_BSTR|VT_ARRAY"},
+            {"CY", VT_CY, L"VT_CY|VT_ARRAY"},       {"DATE", VT_DATE, L"VT_DATE|VT_ARRAY"},
+            {"VARIANT", VT_VARIANT, L"VT_VARIANT|VT_ARRAY"}, {"DISPATCH", VT_DISPATCH, L"VT_DISPATCH|VT_ARRAY"},
+        };
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.name);
+            auto type = Int(row.type, L"VT_I4");
+            auto count = Int(3, L"VT_I4");
+            Outcome made = Call(*fixture, L"Invoke:Make", {type.get(), count.get()});
+            ASSERT_EQ(made.status, MetaStatusOk);
+            auto& array = dynamic_cast<CMetaObjectArray&>(*made.result);
+            EXPECT_EQ(BoundsOf(array), (Bounds{{0, 3}}));
+            ASSERT_EQ(array.elementCount, 3);
+            for (std::int32_t at = 0; at < 3; ++at)
+                EXPECT_NE(array.elements[at], nullptr) << at;
+            if (auto* number = dynamic_cast<CMetaObjectInt*>(array.elements[2]))
+                EXPECT_EQ(number->value, 2);
+
+            // A result has no signature of its own: the host gives the parameter's.
+            CMetaObjectItem* sent = array.Clone();
+            sent->SetValue(CMetaString(row.signature));
+            Outcome echoed = Call(*fixture, L"Invoke:Echo", {sent});
+            ASSERT_EQ(echoed.status, MetaStatusOk);
+            auto& back = dynamic_cast<CMetaObjectArray&>(*echoed.result);
+            EXPECT_EQ(BoundsOf(back), (Bounds{{0, 3}}));
+            EXPECT_EQ(Texts(back), Texts(array));
+            Free(*fixture, echoed.result);
+            Free(*fixture, sent);
+            Free(*fixture, made.result);
+        }
+        EXPECT_EQ(Live(*fixture), 1);  // every child made is gone again
+        Done(fixture);
+    });
+}
+
+TEST_F(ArrayCallTest, FixtureShapesKeepTheirBoundsBothWays)
+{
+    RunLive([&] {
+        CMetaObjectHandler* fixture = Fixture();
+        Outcome cube = Call(*fixture, L"Invoke:Cube");
+        ASSERT_EQ(cube.status, MetaStatusOk);
+        auto& array = dynamic_cast<CMetaObjectArray&>(*cube.result);
+        EXPECT_EQ(BoundsOf(array), (Bounds{{-1, 2}, {0, 3}, {5, 2}}));
+        std::vector<std::int32_t> expected;
+        for (std::int32_t i = -1; i <= 0; ++i)
+            for (std::int32_t j = 0; j <= 2; ++j)
+                for (std::int32_t k = 5; k <= 6; ++k)
+                    expected.push_back(i * 100 + j * 10 + k);
+        ASSERT_EQ(array.elementCount, 12);
+        for (std::int32_t at = 0; at < 12; ++at)
+            EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array.elements[at]).value, expected[at]) << at;
+
+        CMetaObjectItem* sent = array.Clone();
+        sent->SetValue(CMetaString(L"VT_I4|VT_ARRAY"));
+        Outcome echoed = Call(*fixture, L"Invoke:Echo", {sent});
+        auto& back = dynamic_cast<CMetaObjectArray&>(*echoed.result);
+        EXPECT_EQ(BoundsOf(back), BoundsOf(array));
+        EXPECT_EQ(Texts(back), Texts(array));
+        Free(*fixture, echoed.result);
+        Free(*fixture, sent);
+        Free(*fixture, cube.result);
+
+        // Sent back as a result came, with no signature: refused before the call.
+        Outcome again = Call(*fixture, L"Invoke:Cube");
+        EXPECT_EQ(Call(*fixture, L"Invoke:Echo", {again.result}).status, MetaStatusInvokeFailed);
+        Free(*fixture, again.result);
+
+        Outcome empty = Call(*fixture, L"Invoke:EmptyDimension");
+        auto& none = dynamic_cast<CMetaObjectArray&>(*empty.result);
+        EXPECT_EQ(BoundsOf(none), (Bounds{{0, 2}, {0, 0}}));
+        EXPECT_EQ(none.elements, nullptr);
+        none.SetValue(CMetaString(L"VT_I4|VT_ARRAY"));
+        Outcome emptyBack = Call(*fixture, L"Invoke:Echo", {&none});
+        EXPECT_EQ(BoundsOf(*emptyBack.result), (Bounds{{0, 2}, {0, 0}}));
+        Free(*fixture, emptyBack.result);
+        Free(*fixture, empty.result);
+
+        auto reals = Array(L"VT_R8|VT_ARRAY", {{-1, 2}, {5, 3}});
+        for (std::int32_t at = 0; at < 6; ++at)
+            reals->elements[at] = new CMetaObjectReal(at + 0.5);
+        Outcome sum = Call(*fixture, L"Invoke:Sum", {reals.get()});
+        ASSERT_EQ(sum.status, MetaStatusOk);
+        EXPECT_DOUBLE_EQ(dynamic_cast<CMetaObjectReal&>(*sum.result).value, 18.0);
+        Free(*fixture, sum.result);
+        Done(fixture);
+    });
+}
+
+TEST_F(ArrayCallTest, FixtureChildrenInArraysAreReleasedExactly)
+{
+    RunLive([&] {
+        CMetaObjectHandler* fixture = Fixture();
+        ASSERT_EQ(Live(*fixture), 1);
+        auto count = Int(4, L"VT_I4");
+        Outcome children = Call(*fixture, L"Invoke:Children", {count.get()});
+        ASSERT_EQ(children.status, MetaStatusOk);
+        auto& array = dynamic_cast<CMetaObjectArray&>(*children.result);
+        ASSERT_EQ(array.elementCount, 4);
+        EXPECT_EQ(Live(*fixture), 5);  // held by the element handlers alone
+        CMetaObjectHandler& third = *dynamic_cast<CMetaObjectObject&>(*array.elements[2]).handler;
+        Outcome id = Call(third, L"Get:Id");
+        EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*id.result).value, 2);
+        Free(third, id.result);
+        Free(*fixture, children.result);
+        host.FreeReleasedHandlers(module->FreeHandlerObject);
+        EXPECT_EQ(Live(*fixture), 1);
+        Done(fixture);
+    });
+}
+
+TEST_F(ArrayCallTest, FixtureNestingIsFollowedAndCutDeepDown)
+{
+    RunLive([&] {
+        CMetaObjectHandler* fixture = Fixture();
+        for (const std::int32_t depth : {1, 5, 500}) {
+            SCOPED_TRACE(depth);
+            auto levels = Int(depth, L"VT_I4");
+            Outcome nested = Call(*fixture, L"Invoke:Nested", {levels.get()});
+            ASSERT_EQ(nested.status, MetaStatusOk);
+            int seen = 0;
+            CMetaObjectItem* at = nested.result;
+            while (auto* array = dynamic_cast<CMetaObjectArray*>(at)) {
+                ++seen;
+                at = array->elementCount == 1 ? array->elements[0] : nullptr;
+            }
+            if (depth < 10) {
+                EXPECT_EQ(seen, depth);
+                EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*at).value, 42);
+            } else {
+                EXPECT_LT(seen, depth);  // cut off, the number never reached
+                EXPECT_EQ(at, nullptr);
+            }
+            Free(*fixture, nested.result);
+        }
+        Done(fixture);
+    });
+}
+
+TEST_F(ArrayCallTest, FixtureInOutArrayComesBackWithItsNewShape)
+{
+    RunLive([&] {
+        CMetaObjectHandler* fixture = Fixture();
+        auto array = Array(L"VT_I4|VT_ARRAY|VT_PTR", {{0, 2}});
+        array->elements[0] = new CMetaObjectInt(5);
+        array->elements[1] = new CMetaObjectInt(6);
+        array->GetTypeDesc().isByRef = 1;
+        array->SetDirection(2);
+        for (const auto& expected : {std::vector<std::int32_t>{10, 12, 99}, std::vector<std::int32_t>{20, 24, 198, 99}}) {
+            ASSERT_EQ(Call(*fixture, L"Invoke:Grow", {array.get()}).status, MetaStatusOk);
+            EXPECT_EQ(BoundsOf(*array), (Bounds{{1, static_cast<std::int32_t>(expected.size())}}));
+            ASSERT_EQ(array->elementCount, static_cast<std::int32_t>(expected.size()));
+            for (std::int32_t at = 0; at < array->elementCount; ++at)
+                EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array->elements[at]).value, expected[at]) << at;
+        }
+        Done(fixture);
     });
 }
 

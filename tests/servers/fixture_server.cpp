@@ -11,6 +11,7 @@
 #include <string>
 
 #include "plugin/platform_handles.h"
+#include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"
 
@@ -110,13 +111,13 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
         return E_POINTER;
     *out = nullptr;
     if (!IsEqualCLSID(classId, CLSID_CallFixture))
-        return CLASS_E_CLASSNOTAVAILABLE;
+        return GetArrayFixtureClassObject(classId, iid, out);
     return g_factory.QueryInterface(iid, out);
 }
 
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
-    return LiveFixtureObjects() == 0 && !FixtureServerLocked() ? S_OK : S_FALSE;
+    return LiveFixtureObjects() + LiveArrayFixtureObjects() == 0 && !FixtureServerLocked() ? S_OK : S_FALSE;
 }
 
 // The class keys under HKEY_CLASSES_ROOT, and the call library of resource 2;
@@ -154,7 +155,9 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
     if (!CallLibraryPath(libraryPath, MAX_PATH + 4) ||
         FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
         return SELFREG_E_TYPELIB;
-    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
+    if (FAILED(RegisterTypeLib(library.Get(), libraryPath, nullptr)))
+        return SELFREG_E_TYPELIB;
+    return RegisterArrayFixture(serverPath);
 }
 
 __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
@@ -162,6 +165,7 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
     RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
     RegDeleteTreeW(HKEY_CLASSES_ROOT, FixtureValues::kProgId);
     UnRegisterTypeLib(LIBID_CallFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
+    UnregisterArrayFixture();
     return S_OK;
 }
 
@@ -169,7 +173,7 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
 // made, this is back where it started.
 __declspec(dllexport) LONG __stdcall FixtureLiveObjects()
 {
-    return LiveFixtureObjects();
+    return LiveFixtureObjects() + LiveArrayFixtureObjects();
 }
 
 }  // extern "C"
