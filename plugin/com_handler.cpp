@@ -360,38 +360,6 @@ void CMetaObjectCOMHandler::FreeMethodInvoke(CCOMMethodInvoke** invoke)
     ClearErrorText(this);
 }
 
-// Placeholders until collections are built: no enumerator is ever opened.
-MetaStatus CMetaObjectCOMHandler::OpenEnumerator(IEnumVARIANT**)
-{
-    ClearErrorText(this);
-    return MetaStatusNoCollection;
-}
-
-MetaStatus CMetaObjectCOMHandler::ResetEnumerator(IEnumVARIANT**)
-{
-    return MetaStatusNoCollection;
-}
-
-MetaStatus CMetaObjectCOMHandler::NextElements(IEnumVARIANT**, std::uint32_t, CItemList&, std::uint32_t*)
-{
-    return MetaStatusNoCollection;
-}
-
-MetaStatus CMetaObjectCOMHandler::SkipElements(IEnumVARIANT**, std::uint32_t)
-{
-    return MetaStatusNoCollection;
-}
-
-MetaStatus CMetaObjectCOMHandler::CountElements(IEnumVARIANT**, std::uint32_t*)
-{
-    return MetaStatusNoCollection;
-}
-
-MetaStatus CMetaObjectCOMHandler::CloseEnumerator(IEnumVARIANT**)
-{
-    return MetaStatusNoCollection;
-}
-
 const CMetaString& CMetaObjectCOMHandler::GetErrorText()
 {
     return GetThreadErrorText(this);

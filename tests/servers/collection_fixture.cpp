@@ -1,0 +1,549 @@
+// The collection fixture's objects. The maker and the elements are served by
+// the platform's type-driven dispatch on the server file's collection library
+// (TYPELIB resource 4); a collection answers Invoke by hand, since its flags
+// make it misbehave in ways that no type description can say.
+
+#include <windows.h>
+#include <olectl.h>
+#include <oleauto.h>
+
+// The identifiers of the collection library are defined here, once.
+#include <initguid.h>
+
+#include "collection_fixture.h"  // widl's header of collection_fixture.idl
+
+#include <algorithm>
+#include <cwchar>
+#include <string>
+
+#include "plugin/platform_handles.h"
+#include "tests/servers/call_fixture_objects.h"
+#include "tests/servers/collection_fixture_objects.h"
+#include "tests/servers/collection_fixture_values.h"
+
+using MetaObj::ComPtr;
+using MetaObj::RegKey;
+using namespace CollectionValues;
+
+namespace {
+
+volatile LONG g_liveCollectionObjects = 0;
+
+// FixtureCell's identifier; widl declares none for a record.
+constexpr GUID kCellType = {0x7C3A9E10, 0x4B2D, 0x4E8F, {0xA1, 0xC6, 0x5D, 0x0B, 0x3F, 0x2E, 0x7A, 0x02}};
+
+#ifdef _WIN64
+constexpr SYSKIND kSysKind = SYS_WIN64;
+#else
+constexpr SYSKIND kSysKind = SYS_WIN32;
+#endif
+
+bool CollectionLibraryPath(wchar_t* path, DWORD size)
+{
+    const DWORD length = GetModuleFileNameW(g_fixtureModule, path, size);
+    if (length == 0 || length + 3 > size)
+        return false;
+    std::wcscat(path, L"\\4");
+    return true;
+}
+
+ComPtr<ITypeLib> LoadCollectionLibrary()
+{
+    wchar_t path[MAX_PATH + 4];
+    ComPtr<ITypeLib> library;
+    if (CollectionLibraryPath(path, MAX_PATH + 4))
+        LoadTypeLibEx(path, REGKIND_NONE, library.Put());
+    return library;
+}
+
+// The dispatch side of a dual interface, which clients see, and its virtual
+// table side, which DispInvoke calls through.
+struct DualTypeInfo {
+    ComPtr<ITypeInfo> dispatch;
+    ComPtr<ITypeInfo> vtable;
+};
+
+DualTypeInfo LoadDualTypeInfo(REFIID iid)
+{
+    DualTypeInfo info;
+    ComPtr<ITypeLib> library = LoadCollectionLibrary();
+    if (!library || FAILED(library->GetTypeInfoOfGuid(iid, info.dispatch.Put())))
+        return {};
+    HREFTYPE reference = 0;
+    if (FAILED(info.dispatch->GetRefTypeOfImplType(-1, &reference)) ||
+        FAILED(info.dispatch->GetRefTypeInfo(reference, info.vtable.Put())))
+        return {};
+    return info;
+}
+
+// A true count of references, and the live objects of the fixture.
+template <typename Interface>
+class CCounted : public Interface {
+public:
+    CCounted(const CCounted&) = delete;
+    CCounted& operator=(const CCounted&) = delete;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        *out = Answers(iid) ? static_cast<Interface*>(this) : nullptr;
+        if (*out == nullptr)
+            return E_NOINTERFACE;
+        this->AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        const LONG left = InterlockedDecrement(&references);
+        if (left == 0)
+            delete this;
+        return left;
+    }
+
+protected:
+    CCounted() { InterlockedIncrement(&g_liveCollectionObjects); }
+    virtual ~CCounted() { InterlockedDecrement(&g_liveCollectionObjects); }
+    virtual bool Answers(REFIID iid) const
+    {
+        return IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(Interface));
+    }
+
+private:
+    volatile LONG references = 1;  // the creator's
+};
+
+// IDispatch of a dual interface through its type information.
+template <typename Interface>
+class CDual : public CCounted<Interface> {
+public:
+    bool Ready() const { return static_cast<bool>(types.vtable); }
+
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
+    {
+        if (count == nullptr)
+            return E_POINTER;
+        *count = 1;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** info) override
+    {
+        if (info == nullptr)
+            return E_POINTER;
+        *info = nullptr;
+        if (index != 0)
+            return DISP_E_BADINDEX;
+        ComPtr<ITypeInfo> copy = types.dispatch;
+        *info = copy.Detach();
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
+    {
+        return DispGetIDsOfNames(types.vtable.Get(), names, count, ids);
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
+                                     EXCEPINFO* exception, UINT* argumentError) override
+    {
+        if (!IsEqualIID(iid, IID_NULL))
+            return DISP_E_UNKNOWNINTERFACE;
+        return DispInvoke(static_cast<Interface*>(this), types.vtable.Get(), id, flags, params, result, exception,
+                          argumentError);
+    }
+
+protected:
+    CDual() : types(LoadDualTypeInfo(__uuidof(Interface))) {}
+    bool Answers(REFIID iid) const override
+    {
+        return IsEqualIID(iid, IID_IDispatch) || CCounted<Interface>::Answers(iid);
+    }
+
+    DualTypeInfo types;
+};
+
+// The caller owns the one reference; E_FAIL without the type information.
+template <typename Object, typename Wanted, typename... Arguments>
+HRESULT CreateDual(Wanted** out, Arguments... arguments)
+{
+    *out = nullptr;
+    auto* object = new Object(arguments...);
+    auto owner = ComPtr<Wanted>::Adopt(object);
+    if (!object->Ready())
+        return E_FAIL;
+    *out = owner.Detach();
+    return S_OK;
+}
+
+class CElement : public CDual<IFixtureElement> {
+public:
+    explicit CElement(LONG index) : index(index) {}
+    HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override
+    {
+        *value = index;
+        return S_OK;
+    }
+
+private:
+    const LONG index;
+};
+
+ComPtr<IRecordInfo> CellRecordInfo()
+{
+    ComPtr<ITypeLib> library = LoadCollectionLibrary();
+    ComPtr<ITypeInfo> cell;
+    ComPtr<IRecordInfo> record;
+    if (library && SUCCEEDED(library->GetTypeInfoOfGuid(kCellType, cell.Put())))
+        GetRecordInfoFromTypeInfo(cell.Get(), record.Put());
+    return record;
+}
+
+class CCollection;
+
+class CEnumerator : public CCounted<IEnumVARIANT> {
+public:
+    CEnumerator(CCollection* collection, LONG position);
+
+    HRESULT STDMETHODCALLTYPE Next(ULONG asked, VARIANT* out, ULONG* fetched) override;
+    HRESULT STDMETHODCALLTYPE Skip(ULONG count) override;
+    HRESULT STDMETHODCALLTYPE Reset() override;
+    HRESULT STDMETHODCALLTYPE Clone(IEnumVARIANT** out) override;
+
+private:
+    ComPtr<IFixtureCollection> owner;  // the collection lives while an enumerator does
+    CCollection& collection;
+    LONG position;
+};
+
+class CCollection : public CDual<IFixtureCollection> {
+public:
+    CCollection(LONG flags, LONG size) : flags(flags), size(std::max(0L, size)) {}
+
+    bool Has(LONG flag) const { return (flags & flag) != 0; }
+    LONG Size() const { return size; }
+    void NoteEnumeratorCall() { InterlockedIncrement(&enumeratorCalls); }
+
+    // Element at of the collection, by the flags.
+    HRESULT Element(LONG at, VARIANT* out) const
+    {
+        VariantInit(out);
+        if (Has(kObjects) || Has(kUnknowns)) {
+            IFixtureElement* element = nullptr;
+            const HRESULT hr = CreateDual<CElement>(&element, at);
+            if (FAILED(hr))
+                return hr;
+            V_VT(out) = Has(kObjects) ? VT_DISPATCH : VT_UNKNOWN;
+            V_DISPATCH(out) = element;  // an IFixtureElement is both
+            return S_OK;
+        }
+        if (!Has(kOddTypes) || at % 4 == 0) {
+            V_VT(out) = VT_I4;
+            V_I4(out) = at;
+        } else if (at % 4 == 1) {
+            V_VT(out) = VT_I8;
+            V_I8(out) = at;
+        } else if (at % 4 == 3) {
+            ComPtr<IRecordInfo> record = CellRecordInfo();
+            void* data = record ? record->RecordCreate() : nullptr;
+            if (data == nullptr)
+                return E_FAIL;
+            static_cast<FixtureCell*>(data)->value = at;
+            V_VT(out) = VT_RECORD;
+            V_RECORD(out) = data;
+            V_RECORDINFO(out) = record.Detach();
+        }
+        return S_OK;  // at % 4 == 2 stays VT_EMPTY
+    }
+
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD callFlags, DISPPARAMS*, VARIANT* result,
+                                     EXCEPINFO*, UINT*) override
+    {
+        if (!IsEqualIID(iid, IID_NULL))
+            return DISP_E_UNKNOWNINTERFACE;
+        if (result == nullptr)
+            return E_POINTER;
+        VariantInit(result);
+        switch (id) {
+        case DISPID_NEWENUM:
+            InterlockedIncrement(&newEnumCalls);
+            if (Has(kNewEnumMissing) || (Has(kNewEnumMethodOnly) && callFlags != DISPATCH_METHOD))
+                return DISP_E_MEMBERNOTFOUND;
+            return NewEnum(result);
+        case 1:
+            if (Has(kNoCount))
+                return DISP_E_MEMBERNOTFOUND;
+            if (Has(kCountText)) {
+                V_VT(result) = VT_BSTR;
+                V_BSTR(result) = SysAllocString(kCountTextValue);
+                return V_BSTR(result) ? S_OK : E_OUTOFMEMORY;
+            }
+            return Number(Has(kCountNegative) ? -5 : size, result);
+        case 2:
+            return Number(enumeratorCalls, result);
+        case 3:
+            return Number(newEnumCalls, result);
+        default:
+            return DISP_E_MEMBERNOTFOUND;
+        }
+    }
+
+    // The virtual table side, for clients that bind early.
+    HRESULT STDMETHODCALLTYPE get_Count(LONG* value) override
+    {
+        *value = size;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_EnumeratorCalls(LONG* value) override
+    {
+        *value = enumeratorCalls;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_NewEnumCalls(LONG* value) override
+    {
+        *value = newEnumCalls;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get__NewEnum(IUnknown** value) override
+    {
+        *value = new CEnumerator(this, 0);
+        return S_OK;
+    }
+
+private:
+    static HRESULT Number(LONG value, VARIANT* result)
+    {
+        V_VT(result) = VT_I4;
+        V_I4(result) = value;
+        return S_OK;
+    }
+
+    HRESULT NewEnum(VARIANT* result)
+    {
+        if (Has(kNewEnumNumber))
+            return Number(7, result);
+        if (Has(kNewEnumEmpty))
+            return S_OK;
+        if (Has(kNewEnumText)) {
+            V_VT(result) = VT_BSTR;
+            V_BSTR(result) = SysAllocString(L"enumerator");
+            return V_BSTR(result) ? S_OK : E_OUTOFMEMORY;
+        }
+        if (Has(kNewEnumNotEnum)) {
+            IFixtureElement* element = nullptr;
+            const HRESULT hr = CreateDual<CElement>(&element, 0);
+            V_VT(result) = VT_DISPATCH;
+            V_DISPATCH(result) = element;
+            return hr;
+        }
+        V_VT(result) = VT_UNKNOWN;
+        V_UNKNOWN(result) = new CEnumerator(this, 0);
+        return S_OK;
+    }
+
+    const LONG flags;
+    const LONG size;
+    volatile LONG enumeratorCalls = 0;
+    volatile LONG newEnumCalls = 0;
+};
+
+CEnumerator::CEnumerator(CCollection* collection, LONG position)
+    : collection(*collection), position(position)
+{
+    collection->AddRef();
+    owner = ComPtr<IFixtureCollection>::Adopt(collection);
+}
+
+HRESULT CEnumerator::Next(ULONG asked, VARIANT* out, ULONG* fetched)
+{
+    collection.NoteEnumeratorCall();
+    if (fetched != nullptr && !collection.Has(kNoFetched))
+        *fetched = 0;
+    if (out == nullptr)
+        return E_POINTER;
+    const LONG left = collection.Size() - position;
+    if (collection.Has(kFailMidWalk) && position + static_cast<LONG>(std::min<ULONG>(asked, left)) > kFailAt)
+        return E_FAIL;
+    ULONG limit = std::min<ULONG>(asked, static_cast<ULONG>(left));
+    if (collection.Has(kShortBatches))
+        limit = std::min<ULONG>(limit, kShortBatch);
+    ULONG given = 0;
+    for (; given < limit; ++given) {
+        if (FAILED(collection.Element(position, &out[given]))) {
+            for (ULONG at = 0; at < given; ++at)
+                VariantClear(&out[at]);
+            return E_OUTOFMEMORY;
+        }
+        ++position;
+    }
+    if (fetched != nullptr && !collection.Has(kNoFetched))
+        *fetched = given;
+    // A short enumerator says S_OK whatever it gave, even nothing at the end.
+    if (collection.Has(kShortBatches))
+        return S_OK;
+    return given == asked ? S_OK : S_FALSE;
+}
+
+HRESULT CEnumerator::Skip(ULONG count)
+{
+    collection.NoteEnumeratorCall();
+    const LONG left = collection.Size() - position;
+    const LONG moved = static_cast<LONG>(std::min<ULONG>(count, static_cast<ULONG>(left)));
+    if (collection.Has(kFailMidWalk) && position + moved > kFailAt)
+        return E_FAIL;
+    position += moved;
+    return static_cast<ULONG>(moved) == count ? S_OK : S_FALSE;
+}
+
+HRESULT CEnumerator::Reset()
+{
+    collection.NoteEnumeratorCall();
+    if (collection.Has(kResetFails))
+        return E_FAIL;
+    position = 0;
+    return S_OK;
+}
+
+HRESULT CEnumerator::Clone(IEnumVARIANT** out)
+{
+    collection.NoteEnumeratorCall();
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    if (collection.Has(kNoClone))
+        return E_NOTIMPL;
+    *out = new CEnumerator(&collection, position);
+    return S_OK;
+}
+
+class CMaker : public CDual<ICollectionFixture> {
+public:
+    HRESULT STDMETHODCALLTYPE Make(LONG flags, LONG size, IDispatch** collection) override
+    {
+        IFixtureCollection* made = nullptr;
+        const HRESULT hr = CreateDual<CCollection>(&made, flags, size);
+        *collection = made;
+        return hr;
+    }
+};
+
+// One static object; its references are locks on the server.
+class CMakerFactory : public IClassFactory {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory)) {
+            *out = static_cast<IClassFactory*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *out = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override
+    {
+        LockFixtureServer(true);
+        return 2;
+    }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        LockFixtureServer(false);
+        return 1;
+    }
+    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        *out = nullptr;
+        if (outer != nullptr)
+            return CLASS_E_NOAGGREGATION;
+        ICollectionFixture* maker = nullptr;
+        const HRESULT hr = CreateDual<CMaker>(&maker);
+        if (FAILED(hr))
+            return hr;
+        auto owner = ComPtr<ICollectionFixture>::Adopt(maker);
+        return owner->QueryInterface(iid, out);
+    }
+    HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
+    {
+        LockFixtureServer(lock != FALSE);
+        return S_OK;
+    }
+};
+
+CMakerFactory g_makerFactory;
+
+std::wstring GuidText(REFGUID guid)
+{
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+bool WriteClassesValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
+{
+    RegKey key;
+    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
+                        nullptr) != ERROR_SUCCESS)
+        return false;
+    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
+    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
+           ERROR_SUCCESS;
+}
+
+std::wstring ClassKey()
+{
+    return L"CLSID\\" + GuidText(CLSID_CollectionFixture);
+}
+
+}  // namespace
+
+HRESULT CollectionFixtureClassObject(REFCLSID classId, REFIID iid, void** out)
+{
+    *out = nullptr;
+    if (!IsEqualCLSID(classId, CLSID_CollectionFixture))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    return g_makerFactory.QueryInterface(iid, out);
+}
+
+LONG LiveCollectionObjects()
+{
+    return g_liveCollectionObjects;
+}
+
+HRESULT RegisterCollectionFixture(const wchar_t* serverPath)
+{
+    const std::wstring classKey = ClassKey();
+    const std::wstring progId = kProgId;
+    const struct {
+        std::wstring path;
+        const wchar_t* name;
+        std::wstring value;
+    } rows[] = {
+        {classKey, nullptr, L"CollectionFixture"},
+        {classKey + L"\\InprocServer32", nullptr, serverPath},
+        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
+        {classKey + L"\\ProgID", nullptr, progId},
+        {classKey + L"\\TypeLib", nullptr, GuidText(LIBID_CollectionFixtureLib)},
+        {classKey + L"\\Version", nullptr, L"1.0"},
+        {progId, nullptr, L"CollectionFixture"},
+        {progId + L"\\CLSID", nullptr, GuidText(CLSID_CollectionFixture)},
+    };
+    for (const auto& row : rows) {
+        if (!WriteClassesValue(row.path, row.name, row.value))
+            return SELFREG_E_CLASS;
+    }
+    wchar_t libraryPath[MAX_PATH + 4];
+    ComPtr<ITypeLib> library;
+    if (!CollectionLibraryPath(libraryPath, MAX_PATH + 4) ||
+        FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
+        return SELFREG_E_TYPELIB;
+    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
+}
+
+void UnregisterCollectionFixture()
+{
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
+    UnRegisterTypeLib(LIBID_CollectionFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
+}
