@@ -20,6 +20,7 @@
 #include "plugin/com_handler.h"
 #include "plugin/platform_handles.h"
 #include "tests/support/counting_dispatch.h"
+#include "tests/support/leak_check.h"
 
 using namespace MetaObj;
 
@@ -582,6 +583,33 @@ TEST(ArrayBadInputTest, EmptyElementsAndDeepNestingAreReadSafely)
     EXPECT_EQ(at, nullptr);  // cut off before the number
     EXPECT_GT(levels, 10);
     EXPECT_LT(levels, 1000);
+}
+
+TEST(ArrayRoundTripTest, RoundsOfNestedAndInOutArraysLeaveNoBlockBehind)
+{
+    const long left = BlocksLeftBy([] {
+        for (int round = 0; round < 3; ++round) {
+            ArrayPtr inner = MakeArray(L"VT_BSTR|VT_ARRAY", {{0, 2}});
+            inner->elements[0] = TextItem<CMetaObjectString>(L"a");
+            ArrayPtr outer = MakeArray(L"VT_VARIANT|VT_ARRAY", {{-1, 2}, {0, 2}});
+            outer->elements[0] = inner.release();
+            outer->elements[3] = TextItem<CMetaObjectString>(L"b");
+            CVariant out;
+            ASSERT_TRUE(Call().ArrayItemToVariant(outer.get(), out.Get()));
+            ItemPtr back(Call().VariantToItem(out.Get()));
+
+            // Read back in/out over the array that went out, shape and all.
+            outer->SetValue(CMetaString(L"VT_VARIANT|VT_ARRAY|VT_PTR"));
+            outer->SetDirection(2);
+            VARIANT argument;
+            VariantInit(&argument);
+            ASSERT_TRUE(Call().ItemToVariant(outer.get(), argument));
+            EXPECT_TRUE(Call().VariantIntoItem(argument, outer.get()));
+            ReleaseArgument(argument);
+            EXPECT_EQ(BoundsOf(*outer), (Bounds{{-1, 2}, {0, 2}}));
+        }
+    });
+    EXPECT_EQ(left, 0);
 }
 
 }  // namespace
