@@ -436,8 +436,9 @@ TEST_F(ArrayCallTest, EveryElementTypeComesFromTheFixtureAndGoesBack)
             ASSERT_EQ(array.elementCount, 3);
             for (std::int32_t at = 0; at < 3; ++at)
                 EXPECT_NE(array.elements[at], nullptr) << at;
-            if (auto* number = dynamic_cast<CMetaObjectInt*>(array.elements[2]))
+            if (auto* number = dynamic_cast<CMetaObjectInt*>(array.elements[2])) {
                 EXPECT_EQ(number->value, 2);
+            }
 
             // A result has no signature of its own: the host gives the parameter's.
             CMetaObjectItem* sent = array.Clone();

@@ -190,8 +190,9 @@ void ExpectLikeAnEmptyResult(CMetaObjectItem* item)
     CVariant empty;
     ItemPtr expected(Call().VariantToItem(empty.Get()));
     ASSERT_EQ(item == nullptr, expected == nullptr);
-    if (item)
+    if (item) {
         EXPECT_EQ(typeid(*item), typeid(*expected));
+    }
 }
 
 struct InRow {
