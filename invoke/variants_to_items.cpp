@@ -612,8 +612,11 @@ bool CCOMMethodInvoke::RecordVariantToStruct(const VARIANT& value, CMetaObjectSt
             CItemList& list;
             ~MemberOwner()
             {
-                for (CMetaObjectItem* member : list)
+                // SetMembers keeps clones; an object item's own use goes back here.
+                for (CMetaObjectItem* member : list) {
+                    member->Clear();
                     delete member;
+                }
             }
         } owner{members};
 

@@ -37,8 +37,12 @@ void CMetaObjectStruct::SetValue(const CMetaString&) {}
 
 void CMetaObjectStruct::ClearMembers()
 {
-    for (CMetaObjectItem* member : members)
+    // The struct is the holder of its object items: each gives its use back.
+    for (CMetaObjectItem* member : members) {
+        if (member)
+            member->Clear();
         delete member;
+    }
     members.clear();
 }
 
