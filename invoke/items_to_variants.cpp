@@ -258,7 +258,12 @@ void ReleaseArgument(VARIANT& argument)
         }
     } else if (vt & VT_BYREF) {
         void* cell = argument.byref;
-        if (cell) {
+        if (cell && (vt & VT_ARRAY)) {
+            // The array in the cell now is the call's: the one that went out,
+            // or the one the object put there in its place.
+            SafeArrayDestroy(*static_cast<SAFEARRAY**>(cell));
+            std::free(cell);
+        } else if (cell) {
             switch (vt & ~VT_BYREF) {
             case VT_BSTR:
                 SysFreeString(*static_cast<BSTR*>(cell));
@@ -301,8 +306,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         return true;
     }
     const CTypeDesc& type = item->GetTypeDesc();
-    const std::int32_t direction = item->GetDirection();
-    if (type.bounds && (direction == 0 || direction == 2)) {
+    if (type.bounds) {
         auto* array = dynamic_cast<CMetaObjectArray*>(item);
         return array != nullptr && ArrayItemToVariant(array, out);
     }

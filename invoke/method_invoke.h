@@ -6,7 +6,10 @@
 #include <windows.h>
 #include <oaidl.h>
 
+#include <cstdint>
+
 #include "discovery/method_kind.h"
+#include "metaobj/array_walker.h"
 #include "metaobj/model_fwd.h"
 #include "metaobj/type_desc.h"
 #include "plugin/handler_base.h"
@@ -39,11 +42,19 @@ public:
     // Items to VARIANTs. False: the item's type has no translation.
     bool ItemToVariant(MetaObj::CMetaObjectItem* item, VARIANT& out);
     bool RecordItemToVariant(MetaObj::CMetaObjectStruct* item, VARIANT& out);
+    // An out or in/out array goes by reference, in a cell the argument owns.
     bool ArrayItemToVariant(MetaObj::CMetaObjectArray* item, VARIANT& out);
 
     // VARIANTs to items. The VARIANT stays the caller's and is not changed.
     MetaObj::CMetaObjectItem* VariantToItem(const VARIANT& value);
-    MetaObj::CMetaObjectItem* ArrayVariantToItem(const VARIANT& value);
+    // Null without an array, or for one of no or more than 100 dimensions or
+    // more elements than 32 bits count. depth counts nested VT_VARIANT arrays.
+    MetaObj::CMetaObjectItem* ArrayVariantToItem(const VARIANT& value, int depth = 0);
+    void ReadArrayElements(MetaObj::CMetaObjectArray* item, VARTYPE elementType, SAFEARRAY* array,
+                           MetaObj::CArrayWalker& walker, int depth = 0);
+    // Replaces the elements and shape of an out or in/out array with the array
+    // that came back; false, and the item unchanged, when none did.
+    bool ArrayVariantIntoItem(const VARIANT& value, MetaObj::CMetaObjectArray* item);
     // Writes an out or in/out argument back into the item that went out.
     bool VariantIntoItem(VARIANT value, MetaObj::CMetaObjectItem* item);
     void VariantToText(const VARIANT& value, MetaObj::CMetaObjectItem* item);
@@ -58,6 +69,14 @@ public:
 };
 
 namespace MetaObj {
+
+// The most dimensions an array may have, either way.
+constexpr std::uint32_t kMaxArrayDimensions = 100;
+
+// For each dimension, its lower and inclusive upper bound into the vectors, and
+// when type has bounds, a bound of the same shape appended to them.
+void ReadArrayBounds(SAFEARRAY* array, std::uint32_t dimensionCount, CTypeDesc& type, std::int32_t* lower,
+                     std::int32_t* upper);
 
 // A new item of the class that fits the type, with the type assigned; null
 // for a type that has no item.

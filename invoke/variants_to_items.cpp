@@ -381,6 +381,10 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
 {
     if (!item)
         return false;
+    if ((value.vt & VT_ARRAY) && item->GetTypeDesc().bounds) {
+        if (auto* array = dynamic_cast<CMetaObjectArray*>(item))
+            return ArrayVariantIntoItem(value, array);
+    }
     // Read only until the row is found, before the item changes: no copy needed.
     const CTypeDesc& type = item->GetTypeDesc();
     const bool byRef = type.isByRef == 1;
@@ -608,8 +612,11 @@ bool CCOMMethodInvoke::RecordVariantToStruct(const VARIANT& value, CMetaObjectSt
             CItemList& list;
             ~MemberOwner()
             {
-                for (CMetaObjectItem* member : list)
+                // SetMembers keeps clones; an object item's own use goes back here.
+                for (CMetaObjectItem* member : list) {
+                    member->Clear();
                     delete member;
+                }
             }
         } owner{members};
 

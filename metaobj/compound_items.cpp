@@ -37,8 +37,12 @@ void CMetaObjectStruct::SetValue(const CMetaString&) {}
 
 void CMetaObjectStruct::ClearMembers()
 {
-    for (CMetaObjectItem* member : members)
+    // The struct is the holder of its object items: each gives its use back.
+    for (CMetaObjectItem* member : members) {
+        if (member)
+            member->Clear();
         delete member;
+    }
     members.clear();
 }
 
@@ -123,8 +127,12 @@ bool CMetaObjectArray::InitElements(const CTypeDesc& type)
 void CMetaObjectArray::ClearElements()
 {
     if (elements) {
-        for (std::int32_t slot = 0; slot < elementCount; ++slot)
+        for (std::int32_t slot = 0; slot < elementCount; ++slot) {
+            // The array is the holder of its object items: each gives its use back.
+            if (elements[slot])
+                elements[slot]->Clear();
             delete elements[slot];
+        }
         delete[] elements;
     }
     elements = nullptr;

@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <objbase.h>
 #include <oaidl.h>
+#include <oleauto.h>
 
 #include <utility>
 
@@ -58,6 +59,12 @@ struct BstrCloser {
 using RegKey = UniqueResource<HKEY, RegKeyCloser, nullptr>;
 using CoTaskMemText = UniqueResource<LPOLESTR, CoTaskMemCloser, nullptr>;
 using Bstr = UniqueResource<BSTR, BstrCloser, nullptr>;
+
+// Destroying an array frees what its elements own: texts, VARIANTs, references.
+struct SafeArrayCloser {
+    void operator()(SAFEARRAY* array) const { SafeArrayDestroy(array); }
+};
+using SafeArray = UniqueResource<SAFEARRAY*, SafeArrayCloser, nullptr>;
 
 // A description that must go back to the object that gave it: TYPEATTR to its
 // ITypeInfo, TLIBATTR to its ITypeLib. The owner must outlive this.

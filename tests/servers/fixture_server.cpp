@@ -1,7 +1,8 @@
-// An in-process server file with two type libraries. TYPELIB resource 1 is the
+// An in-process server file with its type libraries. TYPELIB resource 1 is the
 // catalogue fixture library, which nothing registers: the tests of the
 // server-file road rely on that. Resource 2 is the call library, whose class
-// CallFixture this file serves and registers.
+// CallFixture this file serves and registers; resources 3 and 4 are those of
+// the array and collection fixtures.
 
 #include "call_fixture.h"  // widl's header of call_fixture.idl
 
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "plugin/platform_handles.h"
+#include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/collection_fixture_objects.h"
@@ -110,14 +112,20 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
-    if (!IsEqualCLSID(classId, CLSID_CallFixture))
-        return CollectionFixtureClassObject(classId, iid, out);
-    return g_factory.QueryInterface(iid, out);
+    if (IsEqualCLSID(classId, CLSID_CallFixture))
+        return g_factory.QueryInterface(iid, out);
+    const HRESULT collection = CollectionFixtureClassObject(classId, iid, out);
+    if (collection != CLASS_E_CLASSNOTAVAILABLE)
+        return collection;
+    return GetArrayFixtureClassObject(classId, iid, out);
 }
 
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
-    return LiveFixtureObjects() == 0 && LiveCollectionObjects() == 0 && !FixtureServerLocked() ? S_OK : S_FALSE;
+    return LiveFixtureObjects() == 0 && LiveCollectionObjects() == 0 && LiveArrayFixtureObjects() == 0 &&
+                   !FixtureServerLocked()
+               ? S_OK
+               : S_FALSE;
 }
 
 // The class keys under HKEY_CLASSES_ROOT, and the call library of resource 2;
@@ -157,7 +165,10 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
         return SELFREG_E_TYPELIB;
     if (FAILED(RegisterTypeLib(library.Get(), libraryPath, nullptr)))
         return SELFREG_E_TYPELIB;
-    return RegisterCollectionFixture(serverPath);
+    const HRESULT collections = RegisterCollectionFixture(serverPath);
+    if (FAILED(collections))
+        return collections;
+    return RegisterArrayFixture(serverPath);
 }
 
 __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
@@ -165,6 +176,7 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
     RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
     RegDeleteTreeW(HKEY_CLASSES_ROOT, FixtureValues::kProgId);
     UnRegisterTypeLib(LIBID_CallFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
+    UnregisterArrayFixture();
     UnregisterCollectionFixture();
     return S_OK;
 }
@@ -173,7 +185,7 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
 // made, this is back where it started.
 __declspec(dllexport) LONG __stdcall FixtureLiveObjects()
 {
-    return LiveFixtureObjects() + LiveCollectionObjects();
+    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects();
 }
 
 }  // extern "C"

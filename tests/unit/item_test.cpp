@@ -389,6 +389,28 @@ TEST(ItemTest, ObjectItemsHoldOneUseEachOfASharedHandler)
     handler.Release();
 }
 
+TEST(ItemTest, StructsAndArraysGiveBackTheUsesOfTheirObjectMembers)
+{
+    RefusingHandler handler;
+    const std::uint32_t start = handler.GetUseCount();
+    CMetaObjectObject member;
+    member.SetHandler(&handler);
+    CItemList list{&member};
+    {
+        CMetaObjectStruct holder(&list);  // holds a clone with a use of its own
+        EXPECT_EQ(handler.GetUseCount(), start + 2);
+    }
+    EXPECT_EQ(handler.GetUseCount(), start + 1);
+    std::unique_ptr<CMetaObjectArray> array(MakeIntArray(1, 1));
+    std::int32_t lower[1] = {0}, upper[1] = {0}, current[1] = {0};
+    CArrayWalker walker(1, lower, upper, current);
+    array->SetElement(member.Clone(), &walker);
+    EXPECT_EQ(handler.GetUseCount(), start + 2);
+    array.reset();
+    EXPECT_EQ(handler.GetUseCount(), start + 1);
+    member.Clear();
+}
+
 TEST(ItemTest, ObjectItemShowsTheRawObjectPointer)
 {
     CCountingDispatch object;

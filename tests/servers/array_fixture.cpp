@@ -1,0 +1,389 @@
+// ArrayFixture: arrays that platform objects can't give, through type-driven
+// dispatch on the server file's own array library (resource 3).
+
+#include <windows.h>
+#include <oleauto.h>
+#include <olectl.h>
+
+// The identifiers of the library are defined here, once.
+#include <initguid.h>
+
+#include "array_fixture.h"  // widl's header of array_fixture.idl
+
+#include <cwchar>
+#include <string>
+
+#include "plugin/platform_handles.h"
+#include "tests/servers/array_fixture_objects.h"
+#include "tests/servers/call_fixture_objects.h"
+
+using MetaObj::ComPtr;
+using MetaObj::RegKey;
+
+namespace {
+
+constexpr wchar_t kProgId[] = L"ComHandlerTest.ArrayFixture";
+constexpr LONG kGrowExtra = 99;
+volatile LONG g_live = 0;
+
+#ifdef _WIN64
+constexpr SYSKIND kSysKind = SYS_WIN64;
+#else
+constexpr SYSKIND kSysKind = SYS_WIN32;
+#endif
+
+bool LibraryPath(wchar_t* path, DWORD size)
+{
+    const DWORD length = GetModuleFileNameW(g_fixtureModule, path, size);
+    if (length == 0 || length + 3 > size)
+        return false;
+    std::wcscat(path, L"\\3");
+    return true;
+}
+
+// The interface's dispatch side is what GetTypeInfo shows; DispInvoke calls
+// through its virtual table side.
+ComPtr<ITypeInfo> VtableInfo(REFIID iid)
+{
+    wchar_t path[MAX_PATH + 4];
+    ComPtr<ITypeLib> library;
+    ComPtr<ITypeInfo> dispatch;
+    ComPtr<ITypeInfo> vtable;
+    HREFTYPE reference = 0;
+    if (!LibraryPath(path, MAX_PATH + 4) || FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
+        FAILED(library->GetTypeInfoOfGuid(iid, dispatch.Put())) ||
+        FAILED(dispatch->GetRefTypeOfImplType(-1, &reference)) ||
+        FAILED(dispatch->GetRefTypeInfo(reference, vtable.Put())))
+        return {};
+    return vtable;
+}
+
+template <typename Interface>
+class CArrayDispatch : public Interface {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, __uuidof(Interface))) {
+            *out = static_cast<Interface*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *out = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        const LONG left = InterlockedDecrement(&references);
+        if (left == 0)
+            delete this;
+        return left;
+    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
+    {
+        *count = info ? 1 : 0;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** out) override
+    {
+        if (index != 0 || !info)
+            return DISP_E_BADINDEX;
+        ComPtr<ITypeInfo> copy = info;
+        *out = copy.Detach();
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
+    {
+        return info ? DispGetIDsOfNames(info.Get(), names, count, ids) : E_FAIL;
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
+                                     EXCEPINFO* exception, UINT* argumentError) override
+    {
+        if (!info)
+            return E_FAIL;
+        return DispInvoke(static_cast<Interface*>(this), info.Get(), id, flags, params, result, exception,
+                          argumentError);
+    }
+
+protected:
+    CArrayDispatch() : info(VtableInfo(__uuidof(Interface))) { InterlockedIncrement(&g_live); }
+    virtual ~CArrayDispatch() { InterlockedDecrement(&g_live); }
+
+private:
+    volatile LONG references = 1;
+    ComPtr<ITypeInfo> info;
+};
+
+class CArrayChild : public CArrayDispatch<IArrayFixtureChild> {
+public:
+    explicit CArrayChild(LONG id) : id(id) {}
+    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override
+    {
+        *value = id;
+        return S_OK;
+    }
+
+private:
+    LONG id;
+};
+
+// The element's address in a VARIANT of its type: the union starts there.
+void* ValueOf(VARIANT& value)
+{
+    return &value.bVal;
+}
+
+class CArrayFixture : public CArrayDispatch<IArrayFixture> {
+public:
+    HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
+
+    HRESULT STDMETHODCALLTYPE Sum(SAFEARRAY* values, double* total) override
+    {
+        *total = 0;
+        if (!values)
+            return S_OK;
+        ULONG count = 1;
+        for (UINT dimension = 0; dimension < values->cDims; ++dimension)
+            count *= values->rgsabound[dimension].cElements;
+        double* data = nullptr;
+        if (FAILED(SafeArrayAccessData(values, reinterpret_cast<void**>(&data))))
+            return E_INVALIDARG;
+        for (ULONG at = 0; at < count; ++at)
+            *total += data[at];
+        SafeArrayUnaccessData(values);
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Make(LONG type, LONG count, VARIANT* result) override
+    {
+        SAFEARRAYBOUND bound{static_cast<ULONG>(count), 0};
+        SAFEARRAY* array = SafeArrayCreate(static_cast<VARTYPE>(type), 1, &bound);
+        if (!array)
+            return E_INVALIDARG;
+        for (LONG at = 0; at < count; ++at) {
+            VARIANT number;
+            VariantInit(&number);
+            number.vt = VT_I4;
+            number.lVal = at;
+            if (type == VT_VARIANT) {
+                SafeArrayPutElement(array, &at, &number);
+            } else if (type == VT_DISPATCH || type == VT_UNKNOWN) {
+                auto* child = new CArrayChild(at);
+                SafeArrayPutElement(array, &at, static_cast<IDispatch*>(child));
+                child->Release();
+            } else {
+                VARIANT converted;
+                VariantInit(&converted);
+                if (SUCCEEDED(VariantChangeType(&converted, &number, 0, static_cast<VARTYPE>(type))))
+                    SafeArrayPutElement(array, &at, type == VT_BSTR ? converted.bstrVal : ValueOf(converted));
+                VariantClear(&converted);
+            }
+        }
+        result->vt = static_cast<VARTYPE>(VT_ARRAY | type);
+        result->parray = array;
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Cube(VARIANT* result) override
+    {
+        SAFEARRAYBOUND bounds[] = {{2, -1}, {3, 0}, {2, 5}};
+        SAFEARRAY* array = SafeArrayCreate(VT_I4, 3, bounds);
+        for (LONG i = -1; i <= 0; ++i) {
+            for (LONG j = 0; j <= 2; ++j) {
+                for (LONG k = 5; k <= 6; ++k) {
+                    LONG index[] = {i, j, k};
+                    LONG value = i * 100 + j * 10 + k;
+                    SafeArrayPutElement(array, index, &value);
+                }
+            }
+        }
+        result->vt = VT_ARRAY | VT_I4;
+        result->parray = array;
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE EmptyDimension(VARIANT* result) override
+    {
+        SAFEARRAYBOUND bounds[] = {{2, 0}, {0, 0}};
+        result->vt = VT_ARRAY | VT_I4;
+        result->parray = SafeArrayCreate(VT_I4, 2, bounds);
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Children(LONG count, VARIANT* result) override { return Make(VT_DISPATCH, count, result); }
+
+    HRESULT STDMETHODCALLTYPE Nested(LONG depth, VARIANT* result) override
+    {
+        VARIANT value;
+        VariantInit(&value);
+        value.vt = VT_I4;
+        value.lVal = 42;
+        SAFEARRAYBOUND one{1, 0};
+        for (LONG level = 0; level < depth; ++level) {
+            SAFEARRAY* around = SafeArrayCreate(VT_VARIANT, 1, &one);
+            LONG index = 0;
+            SafeArrayPutElement(around, &index, &value);
+            VariantClear(&value);
+            value.vt = VT_ARRAY | VT_VARIANT;
+            value.parray = around;
+        }
+        *result = value;
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Grow(SAFEARRAY** values) override
+    {
+        if (!values)
+            return E_POINTER;
+        ULONG count = 0;
+        LONG lower = 0;
+        if (*values && SafeArrayGetDim(*values) == 1) {
+            count = (*values)->rgsabound[0].cElements;
+            lower = (*values)->rgsabound[0].lLbound;
+        }
+        SAFEARRAYBOUND bound{count + 1, 1};
+        SAFEARRAY* grown = SafeArrayCreate(VT_I4, 1, &bound);
+        for (ULONG at = 0; at < count; ++at) {
+            LONG from = lower + static_cast<LONG>(at);
+            LONG to = 1 + static_cast<LONG>(at);
+            LONG value = 0;
+            SafeArrayGetElement(*values, &from, &value);
+            value *= 2;
+            SafeArrayPutElement(grown, &to, &value);
+        }
+        LONG last = static_cast<LONG>(count) + 1;
+        LONG extra = kGrowExtra;
+        SafeArrayPutElement(grown, &last, &extra);
+        // In/out: the old array is the callee's to free when it puts another.
+        if (*values)
+            SafeArrayDestroy(*values);
+        *values = grown;
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE get_Live(LONG* count) override
+    {
+        *count = g_live;
+        return S_OK;
+    }
+};
+
+class CArrayFixtureFactory : public IClassFactory {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory)) {
+            *out = static_cast<IClassFactory*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *out = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override
+    {
+        LockFixtureServer(true);
+        return 2;
+    }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        LockFixtureServer(false);
+        return 1;
+    }
+    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        *out = nullptr;
+        if (outer != nullptr)
+            return CLASS_E_NOAGGREGATION;
+        auto* fixture = new CArrayFixture;
+        const HRESULT hr = fixture->QueryInterface(iid, out);
+        fixture->Release();
+        return hr;
+    }
+    HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
+    {
+        LockFixtureServer(lock != FALSE);
+        return S_OK;
+    }
+};
+
+CArrayFixtureFactory g_arrayFactory;
+
+std::wstring GuidText(REFGUID guid)
+{
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+bool WriteValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
+{
+    RegKey key;
+    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
+                        nullptr) != ERROR_SUCCESS)
+        return false;
+    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
+    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
+           ERROR_SUCCESS;
+}
+
+std::wstring ClassKey()
+{
+    return L"CLSID\\" + GuidText(CLSID_ArrayFixture);
+}
+
+}  // namespace
+
+HRESULT GetArrayFixtureClassObject(REFCLSID classId, REFIID iid, void** out)
+{
+    if (!IsEqualCLSID(classId, CLSID_ArrayFixture))
+        return CLASS_E_CLASSNOTAVAILABLE;
+    return g_arrayFactory.QueryInterface(iid, out);
+}
+
+HRESULT RegisterArrayFixture(const wchar_t* serverPath)
+{
+    const std::wstring classKey = ClassKey();
+    const std::wstring progId = kProgId;
+    const struct {
+        std::wstring path;
+        const wchar_t* name;
+        std::wstring value;
+    } rows[] = {
+        {classKey, nullptr, L"ArrayFixture"},
+        {classKey + L"\\InprocServer32", nullptr, serverPath},
+        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
+        {classKey + L"\\ProgID", nullptr, progId},
+        {classKey + L"\\TypeLib", nullptr, GuidText(LIBID_ArrayFixtureLib)},
+        {classKey + L"\\Version", nullptr, L"1.0"},
+        {progId, nullptr, L"ArrayFixture"},
+        {progId + L"\\CLSID", nullptr, GuidText(CLSID_ArrayFixture)},
+    };
+    for (const auto& row : rows) {
+        if (!WriteValue(row.path, row.name, row.value))
+            return SELFREG_E_CLASS;
+    }
+    wchar_t libraryPath[MAX_PATH + 4];
+    ComPtr<ITypeLib> library;
+    if (!LibraryPath(libraryPath, MAX_PATH + 4) || FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
+        return SELFREG_E_TYPELIB;
+    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
+}
+
+void UnregisterArrayFixture()
+{
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
+    RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
+    UnRegisterTypeLib(LIBID_ArrayFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
+}
+
+LONG LiveArrayFixtureObjects()
+{
+    return g_live;
+}
