@@ -474,17 +474,10 @@ expect_error_line("@3 Get:NoSuchMember failed")
 run_tool(0 tour)
 foreach(line "1. Create the object" "   catalogue: Ok (0)" "   > Get:Count                      3  [Int, CMetaObjectInt]"
              "   > Get:Item pear                  5  [Int, CMetaObjectInt]"
+             "   > Invoke:Items                   (0 to 2) [\"3\", 5, \"ripe and red\"]  [Array, CMetaObjectArray"
              "   CountElements: Ok (0), count 3" "     \"plum\"  [String, CMetaObjectString" "   13 members:\n     Setref:Item Set:Item Get:Item Invoke:Add")
   expect_out("${line}")
 endforeach()
-
-# Until the module translates arrays, these checks wait.
-run_tool(0 --json call COM://Scripting.Dictionary "Invoke:Add a 1" "Invoke:Items")
-string(JSON items TYPE "${out}" calls 1 result)
-if(items STREQUAL "NULL")
-  message(STATUS "the module translates no arrays yet: array checks skipped")
-  return()
-endif()
 
 # Arrays in results: a Dictionary's Items is a Variant array; VBScript builds
 # two- and three-dimensional ones.
@@ -499,6 +492,15 @@ run_tool(0 call COM://MSScriptControl.ScriptControl "Set:Language VBScript"
 expect_out("result:            (0 to 1, 0 to 2) [[1, 2, 3], [4, 5, 6]]  [Array, CMetaObjectArray")
 expect_out("result:            (0 to 1, 0 to 1, 0 to 1) [[[(0 to 1) [1, \"x\"], ")
 expect_out(", 8]]]  [Array, CMetaObjectArray")
-
-run_tool(0 tour)
-expect_out("   > Invoke:Items                   (0 to 2) [\"3\", 5, \"ripe and red\"]  [Array, CMetaObjectArray")
+# The array fixture: lower bounds -1, 0 and 5, an empty dimension, Variant
+# arrays inside Variant arrays, and objects in an array with handles of their own.
+run_tool(0 call COM://ComHandlerTest.ArrayFixture "Invoke:Cube" "Invoke:EmptyDimension" "Invoke:Nested 3"
+  "Invoke:Children 2" "@2 Get:Id")
+expect_out("result:            (-1 to 0, 0 to 2, 5 to 6) [[[-95, -94], [-85, -84], [-75, -74]], [[5, 6], [15, 16], [25, 26]]]  [Array")
+expect_out("result:            (0 to 1, 0 to -1) []  [Array")
+expect_out("result:            (0 to 0) [(0 to 0) [(0 to 0) [42]]]  [Array")
+expect_out("result:            (0 to 1) [@1, @2]  [Array")
+run_tool(0 --json call COM://ComHandlerTest.ArrayFixture "Invoke:Cube" "Invoke:EmptyDimension")
+expect_json_rows("calls.0.result.bounds.0.lower=-1" "calls.0.result.bounds.0.upper=0" "calls.0.result.bounds.2.lower=5"
+                 "calls.0.result.bounds.2.upper=6" "calls.0.result.elements.11.text=26"
+                 "calls.1.result.bounds.1.count=0" "calls.1.result.bounds.1.upper=-1" "handlersInUse=0")
