@@ -22,24 +22,8 @@ using MetaObj::RegKey;
 
 namespace {
 
-constexpr wchar_t kProgId[] = L"ComHandlerTest.ArrayFixture";
 constexpr LONG kGrowExtra = 99;
 volatile LONG g_live = 0;
-
-#ifdef _WIN64
-constexpr SYSKIND kSysKind = SYS_WIN64;
-#else
-constexpr SYSKIND kSysKind = SYS_WIN32;
-#endif
-
-bool LibraryPath(wchar_t* path, DWORD size)
-{
-    const DWORD length = GetModuleFileNameW(g_fixtureModule, path, size);
-    if (length == 0 || length + 3 > size)
-        return false;
-    std::wcscat(path, L"\\3");
-    return true;
-}
 
 // The interface's dispatch side is what GetTypeInfo shows; DispInvoke calls
 // through its virtual table side.
@@ -50,7 +34,7 @@ ComPtr<ITypeInfo> VtableInfo(REFIID iid)
     ComPtr<ITypeInfo> dispatch;
     ComPtr<ITypeInfo> vtable;
     HREFTYPE reference = 0;
-    if (!LibraryPath(path, MAX_PATH + 4) || FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
+    if (!ServerLibraryPath(kArrayLibraryResource, path, MAX_PATH + 4) || FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
         FAILED(library->GetTypeInfoOfGuid(iid, dispatch.Put())) ||
         FAILED(dispatch->GetRefTypeOfImplType(-1, &reference)) ||
         FAILED(dispatch->GetRefTypeInfo(reference, vtable.Put())))
@@ -270,117 +254,14 @@ public:
     }
 };
 
-class CArrayFixtureFactory : public IClassFactory {
-public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory)) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override
-    {
-        LockFixtureServer(true);
-        return 2;
-    }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LockFixtureServer(false);
-        return 1;
-    }
-    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        *out = nullptr;
-        if (outer != nullptr)
-            return CLASS_E_NOAGGREGATION;
-        auto* fixture = new CArrayFixture;
-        const HRESULT hr = fixture->QueryInterface(iid, out);
-        fixture->Release();
-        return hr;
-    }
-    HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
-    {
-        LockFixtureServer(lock != FALSE);
-        return S_OK;
-    }
-};
-
-CArrayFixtureFactory g_arrayFactory;
-
-std::wstring GuidText(REFGUID guid)
-{
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-bool WriteValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
-{
-    RegKey key;
-    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-        return false;
-    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
-    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
-           ERROR_SUCCESS;
-}
-
-std::wstring ClassKey()
-{
-    return L"CLSID\\" + GuidText(CLSID_ArrayFixture);
-}
-
 }  // namespace
 
-HRESULT GetArrayFixtureClassObject(REFCLSID classId, REFIID iid, void** out)
+HRESULT CreateArrayFixture(REFIID iid, void** out)
 {
-    if (!IsEqualCLSID(classId, CLSID_ArrayFixture))
-        return CLASS_E_CLASSNOTAVAILABLE;
-    return g_arrayFactory.QueryInterface(iid, out);
-}
-
-HRESULT RegisterArrayFixture(const wchar_t* serverPath)
-{
-    const std::wstring classKey = ClassKey();
-    const std::wstring progId = kProgId;
-    const struct {
-        std::wstring path;
-        const wchar_t* name;
-        std::wstring value;
-    } rows[] = {
-        {classKey, nullptr, L"ArrayFixture"},
-        {classKey + L"\\InprocServer32", nullptr, serverPath},
-        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
-        {classKey + L"\\ProgID", nullptr, progId},
-        {classKey + L"\\TypeLib", nullptr, GuidText(LIBID_ArrayFixtureLib)},
-        {classKey + L"\\Version", nullptr, L"1.0"},
-        {progId, nullptr, L"ArrayFixture"},
-        {progId + L"\\CLSID", nullptr, GuidText(CLSID_ArrayFixture)},
-    };
-    for (const auto& row : rows) {
-        if (!WriteValue(row.path, row.name, row.value))
-            return SELFREG_E_CLASS;
-    }
-    wchar_t libraryPath[MAX_PATH + 4];
-    ComPtr<ITypeLib> library;
-    if (!LibraryPath(libraryPath, MAX_PATH + 4) || FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
-        return SELFREG_E_TYPELIB;
-    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
-}
-
-void UnregisterArrayFixture()
-{
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
-    UnRegisterTypeLib(LIBID_ArrayFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
+    auto* fixture = new CArrayFixture;
+    const HRESULT hr = fixture->QueryInterface(iid, out);
+    fixture->Release();
+    return hr;
 }
 
 LONG LiveArrayFixtureObjects()

@@ -5,10 +5,10 @@
 #include <windows.h>
 #include <objbase.h>
 
-// The class object of ArrayFixture; CLASS_E_CLASSNOTAVAILABLE for any other class.
-HRESULT GetArrayFixtureClassObject(REFCLSID classId, REFIID iid, void** out);
-// The class keys under HKEY_CLASSES_ROOT and the library of resource 3.
-HRESULT RegisterArrayFixture(const wchar_t* serverPath);
-void UnregisterArrayFixture();
+constexpr int kArrayLibraryResource = 3;
+constexpr wchar_t kArrayFixtureProgId[] = L"ComHandlerTest.ArrayFixture";
+
+// A new ArrayFixture, answering iid; the caller owns the one reference.
+HRESULT CreateArrayFixture(REFIID iid, void** out);
 // Array fixtures and their children alive now.
 LONG LiveArrayFixtureObjects();

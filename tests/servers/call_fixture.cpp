@@ -862,11 +862,11 @@ bool FixtureServerLocked()
     return g_serverLocks != 0;
 }
 
-bool CallLibraryPath(wchar_t* path, DWORD size)
+bool ServerLibraryPath(int resource, wchar_t* path, DWORD size)
 {
     const DWORD length = GetModuleFileNameW(g_fixtureModule, path, size);
-    if (length == 0 || length + 3 > size)
+    if (length == 0 || length + 12 > size)
         return false;
-    std::wcscat(path, L"\\2");
+    std::swprintf(path + length, size - length, L"\\%d", resource);
     return true;
 }

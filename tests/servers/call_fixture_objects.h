@@ -16,5 +16,11 @@ LONG LiveFixtureObjects();
 void LockFixtureServer(bool lock);
 bool FixtureServerLocked();
 
-// The path of the call library inside the server file: "<file>\2".
-bool CallLibraryPath(wchar_t* path, DWORD size);
+// The path of a type library inside the server file: "<file>\<resource>".
+bool ServerLibraryPath(int resource, wchar_t* path, DWORD size);
+// The call library's resource.
+constexpr int kCallLibraryResource = 2;
+inline bool CallLibraryPath(wchar_t* path, DWORD size)
+{
+    return ServerLibraryPath(kCallLibraryResource, path, size);
+}

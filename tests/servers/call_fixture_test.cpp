@@ -16,7 +16,6 @@
 #include "tests/support/fixture_server.h"
 
 using MetaObj::ComPtr;
-using MetaObj::RegKey;
 using namespace FixtureValues;
 
 namespace {
@@ -85,36 +84,6 @@ TEST_F(CallFixtureServerTest, RegistrationNamesTheServerAndOnlyTheCallLibrary)
     ComPtr<ITypeLib> catalogue;
     EXPECT_TRUE(FAILED(LoadRegTypeLib(GuidOf("{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D01}"), 1, 0, LOCALE_NEUTRAL,
                                       catalogue.Put())));
-}
-
-// The prefix's registration is put back whatever happens in between.
-TEST_F(CallFixtureServerTest, UnregisteringRemovesWhatRegisteringWrites)
-{
-    const std::string classKey = std::string("CLSID\\") + kClassId;
-    auto registered = [&] {
-        CLSID classId;
-        ComPtr<ITypeLib> library;
-        const bool progId = SUCCEEDED(CLSIDFromProgID(kProgId, &classId));
-        const bool typeLibrary = SUCCEEDED(LoadRegTypeLib(GuidOf(kLibraryId), 1, 0, LOCALE_NEUTRAL, library.Put()));
-        RegKey key;
-        const bool classEntry =
-            RegOpenKeyExA(HKEY_CLASSES_ROOT, classKey.c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
-        // All or nothing.
-        EXPECT_EQ(progId, classEntry);
-        EXPECT_EQ(progId, typeLibrary);
-        return progId && classEntry && typeLibrary;
-    };
-    RunOnThread([&] {
-        ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
-        const HRESULT unregistered = server.Call("DllUnregisterServer");
-        const bool goneBetween = !registered();
-        const HRESULT reregistered = server.Call("DllRegisterServer");
-        EXPECT_EQ(unregistered, S_OK);
-        EXPECT_TRUE(goneBetween);
-        EXPECT_EQ(reregistered, S_OK);
-        EXPECT_TRUE(registered());
-        CoUninitialize();
-    });
 }
 
 TEST_F(CallFixtureServerTest, MadeInEitherApartmentAndCounted)

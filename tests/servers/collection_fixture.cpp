@@ -32,26 +32,11 @@ volatile LONG g_liveCollectionObjects = 0;
 // FixtureCell's identifier; widl declares none for a record.
 constexpr GUID kCellType = {0x7C3A9E10, 0x4B2D, 0x4E8F, {0xA1, 0xC6, 0x5D, 0x0B, 0x3F, 0x2E, 0x7A, 0x02}};
 
-#ifdef _WIN64
-constexpr SYSKIND kSysKind = SYS_WIN64;
-#else
-constexpr SYSKIND kSysKind = SYS_WIN32;
-#endif
-
-bool CollectionLibraryPath(wchar_t* path, DWORD size)
-{
-    const DWORD length = GetModuleFileNameW(g_fixtureModule, path, size);
-    if (length == 0 || length + 3 > size)
-        return false;
-    std::wcscat(path, L"\\4");
-    return true;
-}
-
 ComPtr<ITypeLib> LoadCollectionLibrary()
 {
     wchar_t path[MAX_PATH + 4];
     ComPtr<ITypeLib> library;
-    if (CollectionLibraryPath(path, MAX_PATH + 4))
+    if (ServerLibraryPath(kCollectionLibraryResource, path, MAX_PATH + 4))
         LoadTypeLibEx(path, REGKIND_NONE, library.Put());
     return library;
 }
@@ -425,125 +410,19 @@ public:
     }
 };
 
-// One static object; its references are locks on the server.
-class CMakerFactory : public IClassFactory {
-public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IClassFactory)) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override
-    {
-        LockFixtureServer(true);
-        return 2;
-    }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LockFixtureServer(false);
-        return 1;
-    }
-    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        *out = nullptr;
-        if (outer != nullptr)
-            return CLASS_E_NOAGGREGATION;
-        ICollectionFixture* maker = nullptr;
-        const HRESULT hr = CreateDual<CMaker>(&maker);
-        if (FAILED(hr))
-            return hr;
-        auto owner = ComPtr<ICollectionFixture>::Adopt(maker);
-        return owner->QueryInterface(iid, out);
-    }
-    HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
-    {
-        LockFixtureServer(lock != FALSE);
-        return S_OK;
-    }
-};
-
-CMakerFactory g_makerFactory;
-
-std::wstring GuidText(REFGUID guid)
-{
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-bool WriteClassesValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
-{
-    RegKey key;
-    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-        return false;
-    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
-    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
-           ERROR_SUCCESS;
-}
-
-std::wstring ClassKey()
-{
-    return L"CLSID\\" + GuidText(CLSID_CollectionFixture);
-}
-
 }  // namespace
 
-HRESULT CollectionFixtureClassObject(REFCLSID classId, REFIID iid, void** out)
+HRESULT CreateCollectionFixture(REFIID iid, void** out)
 {
-    *out = nullptr;
-    if (!IsEqualCLSID(classId, CLSID_CollectionFixture))
-        return CLASS_E_CLASSNOTAVAILABLE;
-    return g_makerFactory.QueryInterface(iid, out);
+    ICollectionFixture* maker = nullptr;
+    const HRESULT hr = CreateDual<CMaker>(&maker);
+    if (FAILED(hr))
+        return hr;
+    auto owner = ComPtr<ICollectionFixture>::Adopt(maker);
+    return owner->QueryInterface(iid, out);
 }
 
 LONG LiveCollectionObjects()
 {
     return g_liveCollectionObjects;
-}
-
-HRESULT RegisterCollectionFixture(const wchar_t* serverPath)
-{
-    const std::wstring classKey = ClassKey();
-    const std::wstring progId = kProgId;
-    const struct {
-        std::wstring path;
-        const wchar_t* name;
-        std::wstring value;
-    } rows[] = {
-        {classKey, nullptr, L"CollectionFixture"},
-        {classKey + L"\\InprocServer32", nullptr, serverPath},
-        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
-        {classKey + L"\\ProgID", nullptr, progId},
-        {classKey + L"\\TypeLib", nullptr, GuidText(LIBID_CollectionFixtureLib)},
-        {classKey + L"\\Version", nullptr, L"1.0"},
-        {progId, nullptr, L"CollectionFixture"},
-        {progId + L"\\CLSID", nullptr, GuidText(CLSID_CollectionFixture)},
-    };
-    for (const auto& row : rows) {
-        if (!WriteClassesValue(row.path, row.name, row.value))
-            return SELFREG_E_CLASS;
-    }
-    wchar_t libraryPath[MAX_PATH + 4];
-    ComPtr<ITypeLib> library;
-    if (!CollectionLibraryPath(libraryPath, MAX_PATH + 4) ||
-        FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
-        return SELFREG_E_TYPELIB;
-    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
-}
-
-void UnregisterCollectionFixture()
-{
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
-    UnRegisterTypeLib(LIBID_CollectionFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
 }

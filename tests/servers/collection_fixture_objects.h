@@ -4,12 +4,9 @@
 #include <windows.h>
 #include <objbase.h>
 
-// The class object of CollectionFixture; CLASS_E_CLASSNOTAVAILABLE for any other class.
-HRESULT CollectionFixtureClassObject(REFCLSID classId, REFIID iid, void** out);
+constexpr int kCollectionLibraryResource = 4;
 
+// A new CollectionFixture, answering iid; the caller owns the one reference.
+HRESULT CreateCollectionFixture(REFIID iid, void** out);
 // Objects of the collection fixture alive now: makers, collections, enumerators, elements.
 LONG LiveCollectionObjects();
-
-// The class keys under HKEY_CLASSES_ROOT and the collection library, TYPELIB resource 4.
-HRESULT RegisterCollectionFixture(const wchar_t* serverPath);
-void UnregisterCollectionFixture();

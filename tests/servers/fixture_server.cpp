@@ -1,10 +1,12 @@
 // An in-process server file with its type libraries. TYPELIB resource 1 is the
 // catalogue fixture library, which nothing registers: the tests of the
-// server-file road rely on that. Resource 2 is the call library, whose class
-// CallFixture this file serves and registers; resources 3 and 4 are those of
-// the array and collection fixtures.
+// server-file road rely on that. Resources 2, 3 and 4 are the libraries of the
+// call, array and collection fixtures, whose classes this file serves and
+// registers.
 
-#include "call_fixture.h"  // widl's header of call_fixture.idl
+#include "array_fixture.h"       // widl's headers of the three libraries
+#include "call_fixture.h"
+#include "collection_fixture.h"
 
 #include <olectl.h>
 #include <oleauto.h>
@@ -16,15 +18,20 @@
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/collection_fixture_objects.h"
+#include "tests/servers/collection_fixture_values.h"
 
 using MetaObj::ComPtr;
 using MetaObj::RegKey;
 
 namespace {
 
-// One static object; its references are locks on the server.
-class CCallFixtureFactory : public IClassFactory {
+using CreateFn = HRESULT (*)(REFIID iid, void** out);
+
+// One static object a class; its references are locks on the server.
+class CFixtureFactory : public IClassFactory {
 public:
+    explicit CFixtureFactory(CreateFn create) : create(create) {}
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
         if (out == nullptr)
@@ -54,16 +61,45 @@ public:
         *out = nullptr;
         if (outer != nullptr)
             return CLASS_E_NOAGGREGATION;
-        return CreateCallFixture(iid, out);
+        return create(iid, out);
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
     {
         LockFixtureServer(lock != FALSE);
         return S_OK;
     }
+
+private:
+    CreateFn create;
 };
 
-CCallFixtureFactory g_factory;
+CFixtureFactory g_callFactory(CreateCallFixture);
+CFixtureFactory g_arrayFactory(CreateArrayFixture);
+CFixtureFactory g_collectionFactory(CreateCollectionFixture);
+
+struct FixtureClass {
+    const CLSID& classId;
+    const wchar_t* name;
+    const wchar_t* progId;
+    const GUID& libraryId;
+    int libraryResource;
+    CFixtureFactory& factory;
+};
+
+const FixtureClass kClasses[] = {
+    {CLSID_CallFixture, L"CallFixture", FixtureValues::kProgId, LIBID_CallFixtureLib, kCallLibraryResource,
+     g_callFactory},
+    {CLSID_ArrayFixture, L"ArrayFixture", kArrayFixtureProgId, LIBID_ArrayFixtureLib, kArrayLibraryResource,
+     g_arrayFactory},
+    {CLSID_CollectionFixture, L"CollectionFixture", CollectionValues::kProgId, LIBID_CollectionFixtureLib,
+     kCollectionLibraryResource, g_collectionFactory},
+};
+
+#ifdef _WIN64
+constexpr SYSKIND kSysKind = SYS_WIN64;
+#else
+constexpr SYSKIND kSysKind = SYS_WIN32;
+#endif
 
 std::wstring GuidText(REFGUID guid)
 {
@@ -83,16 +119,41 @@ bool WriteClassesValue(const std::wstring& path, const wchar_t* name, const std:
            ERROR_SUCCESS;
 }
 
-std::wstring ClassKey()
+std::wstring ClassKey(const FixtureClass& fixture)
 {
-    return L"CLSID\\" + GuidText(CLSID_CallFixture);
+    return L"CLSID\\" + GuidText(fixture.classId);
 }
 
-#ifdef _WIN64
-constexpr SYSKIND kSysKind = SYS_WIN64;
-#else
-constexpr SYSKIND kSysKind = SYS_WIN32;
-#endif
+// The class keys under HKEY_CLASSES_ROOT, and the class's library.
+HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
+{
+    const std::wstring classKey = ClassKey(fixture);
+    const std::wstring progId = fixture.progId;
+    const struct {
+        std::wstring path;
+        const wchar_t* name;
+        std::wstring value;
+    } rows[] = {
+        {classKey, nullptr, fixture.name},
+        {classKey + L"\\InprocServer32", nullptr, serverPath},
+        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
+        {classKey + L"\\ProgID", nullptr, progId},
+        {classKey + L"\\TypeLib", nullptr, GuidText(fixture.libraryId)},
+        {classKey + L"\\Version", nullptr, L"1.0"},
+        {progId, nullptr, fixture.name},
+        {progId + L"\\CLSID", nullptr, GuidText(fixture.classId)},
+    };
+    for (const auto& row : rows) {
+        if (!WriteClassesValue(row.path, row.name, row.value))
+            return SELFREG_E_CLASS;
+    }
+    wchar_t libraryPath[MAX_PATH + 12];
+    ComPtr<ITypeLib> library;
+    if (!ServerLibraryPath(fixture.libraryResource, libraryPath, MAX_PATH + 12) ||
+        FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
+        return SELFREG_E_TYPELIB;
+    return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
+}
 
 }  // namespace
 
@@ -112,12 +173,11 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
-    if (IsEqualCLSID(classId, CLSID_CallFixture))
-        return g_factory.QueryInterface(iid, out);
-    const HRESULT collection = CollectionFixtureClassObject(classId, iid, out);
-    if (collection != CLASS_E_CLASSNOTAVAILABLE)
-        return collection;
-    return GetArrayFixtureClassObject(classId, iid, out);
+    for (const FixtureClass& fixture : kClasses) {
+        if (IsEqualCLSID(classId, fixture.classId))
+            return fixture.factory.QueryInterface(iid, out);
+    }
+    return CLASS_E_CLASSNOTAVAILABLE;
 }
 
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
@@ -128,56 +188,29 @@ __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
                : S_FALSE;
 }
 
-// The class keys under HKEY_CLASSES_ROOT, and the call library of resource 2;
-// the catalogue library of resource 1 stays unregistered.
+// The libraries of resources 2 to 4; the catalogue library of resource 1
+// stays unregistered.
 __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
 {
     wchar_t serverPath[MAX_PATH] = {};
     const DWORD length = GetModuleFileNameW(g_fixtureModule, serverPath, MAX_PATH);
     if (length == 0 || length == MAX_PATH)
         return SELFREG_E_CLASS;
-
-    const std::wstring classKey = ClassKey();
-    const std::wstring progId = FixtureValues::kProgId;
-    const struct {
-        std::wstring path;
-        const wchar_t* name;
-        std::wstring value;
-    } rows[] = {
-        {classKey, nullptr, L"CallFixture"},
-        {classKey + L"\\InprocServer32", nullptr, serverPath},
-        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
-        {classKey + L"\\ProgID", nullptr, progId},
-        {classKey + L"\\TypeLib", nullptr, GuidText(LIBID_CallFixtureLib)},
-        {classKey + L"\\Version", nullptr, L"1.0"},
-        {progId, nullptr, L"CallFixture"},
-        {progId + L"\\CLSID", nullptr, GuidText(CLSID_CallFixture)},
-    };
-    for (const auto& row : rows) {
-        if (!WriteClassesValue(row.path, row.name, row.value))
-            return SELFREG_E_CLASS;
+    for (const FixtureClass& fixture : kClasses) {
+        const HRESULT hr = RegisterClass(fixture, serverPath);
+        if (FAILED(hr))
+            return hr;
     }
-
-    wchar_t libraryPath[MAX_PATH + 4];
-    ComPtr<ITypeLib> library;
-    if (!CallLibraryPath(libraryPath, MAX_PATH + 4) ||
-        FAILED(LoadTypeLibEx(libraryPath, REGKIND_NONE, library.Put())))
-        return SELFREG_E_TYPELIB;
-    if (FAILED(RegisterTypeLib(library.Get(), libraryPath, nullptr)))
-        return SELFREG_E_TYPELIB;
-    const HRESULT collections = RegisterCollectionFixture(serverPath);
-    if (FAILED(collections))
-        return collections;
-    return RegisterArrayFixture(serverPath);
+    return S_OK;
 }
 
 __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
 {
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey().c_str());
-    RegDeleteTreeW(HKEY_CLASSES_ROOT, FixtureValues::kProgId);
-    UnRegisterTypeLib(LIBID_CallFixtureLib, 1, 0, LOCALE_NEUTRAL, kSysKind);
-    UnregisterArrayFixture();
-    UnregisterCollectionFixture();
+    for (const FixtureClass& fixture : kClasses) {
+        RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey(fixture).c_str());
+        RegDeleteTreeW(HKEY_CLASSES_ROOT, fixture.progId);
+        UnRegisterTypeLib(fixture.libraryId, 1, 0, LOCALE_NEUTRAL, kSysKind);
+    }
     return S_OK;
 }
 
