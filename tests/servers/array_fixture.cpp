@@ -16,6 +16,7 @@
 #include "plugin/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_objects.h"
+#include "tests/servers/dual_dispatch.h"
 
 using MetaObj::ComPtr;
 using MetaObj::RegKey;
@@ -25,25 +26,8 @@ namespace {
 constexpr LONG kGrowExtra = 99;
 volatile LONG g_live = 0;
 
-// The interface's dispatch side is what GetTypeInfo shows; DispInvoke calls
-// through its virtual table side.
-ComPtr<ITypeInfo> VtableInfo(REFIID iid)
-{
-    wchar_t path[MAX_PATH + 4];
-    ComPtr<ITypeLib> library;
-    ComPtr<ITypeInfo> dispatch;
-    ComPtr<ITypeInfo> vtable;
-    HREFTYPE reference = 0;
-    if (!ServerLibraryPath(kArrayLibraryResource, path, MAX_PATH + 4) || FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
-        FAILED(library->GetTypeInfoOfGuid(iid, dispatch.Put())) ||
-        FAILED(dispatch->GetRefTypeOfImplType(-1, &reference)) ||
-        FAILED(dispatch->GetRefTypeInfo(reference, vtable.Put())))
-        return {};
-    return vtable;
-}
-
 template <typename Interface>
-class CArrayDispatch : public Interface {
+class CArrayDispatch : public CDualDispatch<Interface> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
@@ -51,7 +35,7 @@ public:
             return E_POINTER;
         if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, __uuidof(Interface))) {
             *out = static_cast<Interface*>(this);
-            AddRef();
+            this->AddRef();
             return S_OK;
         }
         *out = nullptr;
@@ -65,39 +49,12 @@ public:
             delete this;
         return left;
     }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
-    {
-        *count = info ? 1 : 0;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** out) override
-    {
-        if (index != 0 || !info)
-            return DISP_E_BADINDEX;
-        ComPtr<ITypeInfo> copy = info;
-        *out = copy.Detach();
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
-    {
-        return info ? DispGetIDsOfNames(info.Get(), names, count, ids) : E_FAIL;
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
-                                     EXCEPINFO* exception, UINT* argumentError) override
-    {
-        if (!info)
-            return E_FAIL;
-        return DispInvoke(static_cast<Interface*>(this), info.Get(), id, flags, params, result, exception,
-                          argumentError);
-    }
-
 protected:
-    CArrayDispatch() : info(VtableInfo(__uuidof(Interface))) { InterlockedIncrement(&g_live); }
+    CArrayDispatch() : CDualDispatch<Interface>(kArrayLibraryResource) { InterlockedIncrement(&g_live); }
     virtual ~CArrayDispatch() { InterlockedDecrement(&g_live); }
 
 private:
     volatile LONG references = 1;
-    ComPtr<ITypeInfo> info;
 };
 
 class CArrayChild : public CArrayDispatch<IArrayFixtureChild> {

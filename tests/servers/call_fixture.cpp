@@ -21,6 +21,7 @@
 
 #include "plugin/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
+#include "tests/servers/dual_dispatch.h"
 #include "tests/servers/call_fixture_values.h"
 
 using MetaObj::Bstr;
@@ -91,24 +92,6 @@ ComPtr<ITypeLib> LoadCallLibrary()
 
 // The type information a client sees (the dispatch side of the dual interface)
 // and the one that DispInvoke calls through (its virtual table side).
-struct DualTypeInfo {
-    ComPtr<ITypeInfo> dispatch;
-    ComPtr<ITypeInfo> vtable;
-};
-
-DualTypeInfo LoadDualTypeInfo(REFIID iid)
-{
-    DualTypeInfo info;
-    ComPtr<ITypeLib> library = LoadCallLibrary();
-    if (!library || FAILED(library->GetTypeInfoOfGuid(iid, info.dispatch.Put())))
-        return {};
-    HREFTYPE reference = 0;
-    if (FAILED(info.dispatch->GetRefTypeOfImplType(-1, &reference)) ||
-        FAILED(info.dispatch->GetRefTypeInfo(reference, info.vtable.Put())))
-        return {};
-    return info;
-}
-
 ComPtr<IRecordInfo> PointRecordInfo()
 {
     ComPtr<ITypeLib> library = LoadCallLibrary();
@@ -177,12 +160,10 @@ HRESULT STDMETHODCALLTYPE FillInFails(EXCEPINFO*)
 
 // IUnknown with a true count, and IDispatch through the interface's type information.
 template <typename Interface>
-class CFixtureDispatch : public Interface {
+class CFixtureDispatch : public CDualDispatch<Interface> {
 public:
     CFixtureDispatch(const CFixtureDispatch&) = delete;
     CFixtureDispatch& operator=(const CFixtureDispatch&) = delete;
-
-    bool Ready() const { return static_cast<bool>(types.vtable); }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
@@ -208,45 +189,13 @@ public:
         return left;
     }
 
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
-    {
-        if (count == nullptr)
-            return E_POINTER;
-        *count = 1;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** info) override
-    {
-        if (info == nullptr)
-            return E_POINTER;
-        *info = nullptr;
-        if (index != 0)
-            return DISP_E_BADINDEX;
-        ComPtr<ITypeInfo> copy = types.dispatch;
-        *info = copy.Detach();
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
-    {
-        return DispGetIDsOfNames(types.vtable.Get(), names, count, ids);
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
-                                     EXCEPINFO* exception, UINT* argumentError) override
-    {
-        if (!IsEqualIID(iid, IID_NULL))
-            return DISP_E_UNKNOWNINTERFACE;
-        return DispInvoke(static_cast<Interface*>(this), types.vtable.Get(), id, flags, params, result, exception,
-                          argumentError);
-    }
-
 protected:
-    CFixtureDispatch() : types(LoadDualTypeInfo(__uuidof(Interface))) { InterlockedIncrement(&g_liveObjects); }
+    CFixtureDispatch() : CDualDispatch<Interface>(kCallLibraryResource) { InterlockedIncrement(&g_liveObjects); }
     virtual ~CFixtureDispatch() { InterlockedDecrement(&g_liveObjects); }
     virtual void* QueryMore(REFIID) { return nullptr; }
 
 private:
     volatile LONG references = 1;  // the creator's
-    DualTypeInfo types;
 };
 
 class CCallFixtureChild : public CFixtureDispatch<ICallFixtureChild> {

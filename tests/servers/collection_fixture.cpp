@@ -18,6 +18,7 @@
 
 #include "plugin/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
+#include "tests/servers/dual_dispatch.h"
 #include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/collection_fixture_values.h"
 
@@ -43,24 +44,6 @@ ComPtr<ITypeLib> LoadCollectionLibrary()
 
 // The dispatch side of a dual interface, which clients see, and its virtual
 // table side, which DispInvoke calls through.
-struct DualTypeInfo {
-    ComPtr<ITypeInfo> dispatch;
-    ComPtr<ITypeInfo> vtable;
-};
-
-DualTypeInfo LoadDualTypeInfo(REFIID iid)
-{
-    DualTypeInfo info;
-    ComPtr<ITypeLib> library = LoadCollectionLibrary();
-    if (!library || FAILED(library->GetTypeInfoOfGuid(iid, info.dispatch.Put())))
-        return {};
-    HREFTYPE reference = 0;
-    if (FAILED(info.dispatch->GetRefTypeOfImplType(-1, &reference)) ||
-        FAILED(info.dispatch->GetRefTypeInfo(reference, info.vtable.Put())))
-        return {};
-    return info;
-}
-
 // A true count of references, and the live objects of the fixture.
 template <typename Interface>
 class CCounted : public Interface {
@@ -101,49 +84,13 @@ private:
 
 // IDispatch of a dual interface through its type information.
 template <typename Interface>
-class CDual : public CCounted<Interface> {
-public:
-    bool Ready() const { return static_cast<bool>(types.vtable); }
-
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
-    {
-        if (count == nullptr)
-            return E_POINTER;
-        *count = 1;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** info) override
-    {
-        if (info == nullptr)
-            return E_POINTER;
-        *info = nullptr;
-        if (index != 0)
-            return DISP_E_BADINDEX;
-        ComPtr<ITypeInfo> copy = types.dispatch;
-        *info = copy.Detach();
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
-    {
-        return DispGetIDsOfNames(types.vtable.Get(), names, count, ids);
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
-                                     EXCEPINFO* exception, UINT* argumentError) override
-    {
-        if (!IsEqualIID(iid, IID_NULL))
-            return DISP_E_UNKNOWNINTERFACE;
-        return DispInvoke(static_cast<Interface*>(this), types.vtable.Get(), id, flags, params, result, exception,
-                          argumentError);
-    }
-
+class CDual : public CDualDispatch<Interface, CCounted<Interface>> {
 protected:
-    CDual() : types(LoadDualTypeInfo(__uuidof(Interface))) {}
+    CDual() : CDualDispatch<Interface, CCounted<Interface>>(kCollectionLibraryResource) {}
     bool Answers(REFIID iid) const override
     {
         return IsEqualIID(iid, IID_IDispatch) || CCounted<Interface>::Answers(iid);
     }
-
-    DualTypeInfo types;
 };
 
 // The caller owns the one reference; E_FAIL without the type information.

@@ -1,0 +1,74 @@
+#pragma once
+// The IDispatch side of the fixtures' dual interfaces, answered by the
+// platform's dispatch from their type information in the server file.
+
+#include <windows.h>
+#include <oleauto.h>
+
+#include "plugin/platform_handles.h"
+#include "tests/servers/call_fixture_objects.h"
+
+// The side a client sees, and the virtual table side DispInvoke calls through.
+struct DualTypeInfo {
+    MetaObj::ComPtr<ITypeInfo> dispatch;
+    MetaObj::ComPtr<ITypeInfo> vtable;
+};
+
+// Both sides from the library of the given TYPELIB resource; empty when either can't be had.
+inline DualTypeInfo LoadDualTypeInfo(int resource, REFIID iid)
+{
+    wchar_t path[MAX_PATH + 12];
+    MetaObj::ComPtr<ITypeLib> library;
+    DualTypeInfo info;
+    HREFTYPE reference = 0;
+    if (!ServerLibraryPath(resource, path, MAX_PATH + 12) ||
+        FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
+        FAILED(library->GetTypeInfoOfGuid(iid, info.dispatch.Put())) ||
+        FAILED(info.dispatch->GetRefTypeOfImplType(-1, &reference)) ||
+        FAILED(info.dispatch->GetRefTypeInfo(reference, info.vtable.Put())))
+        return {};
+    return info;
+}
+
+// Base is Interface itself or a class that answers IUnknown for it.
+template <typename Interface, typename Base = Interface>
+class CDualDispatch : public Base {
+public:
+    bool Ready() const { return static_cast<bool>(types.vtable); }
+
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
+    {
+        if (count == nullptr)
+            return E_POINTER;
+        *count = 1;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** info) override
+    {
+        if (info == nullptr)
+            return E_POINTER;
+        *info = nullptr;
+        if (index != 0)
+            return DISP_E_BADINDEX;
+        MetaObj::ComPtr<ITypeInfo> copy = types.dispatch;
+        *info = copy.Detach();
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
+    {
+        return DispGetIDsOfNames(types.vtable.Get(), names, count, ids);
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
+                                     EXCEPINFO* exception, UINT* argumentError) override
+    {
+        if (!IsEqualIID(iid, IID_NULL))
+            return DISP_E_UNKNOWNINTERFACE;
+        return DispInvoke(static_cast<Interface*>(this), types.vtable.Get(), id, flags, params, result, exception,
+                          argumentError);
+    }
+
+protected:
+    explicit CDualDispatch(int resource) : types(LoadDualTypeInfo(resource, __uuidof(Interface))) {}
+
+    DualTypeInfo types;
+};
