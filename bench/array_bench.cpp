@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/fixture_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "metaobj/compound_items.h"
@@ -179,22 +180,10 @@ MetaStatus Echo(CMetaObjectHandler& handler, CMetaObjectItem* item, bool wantRes
 
 int main()
 {
-    std::string error;
-    std::unique_ptr<CHandlerModule> module = CHandlerModule::Load(DefaultModulePath(), error);
-    if (!module || !module->InitHandler(module->Handle())) {
-        std::fprintf(stderr, "array_bench: %s\n", module ? "InitHandler refused" : error.c_str());
+    CFixtureSession session;
+    if (!session.Open("array_bench", kIdentity))
         return 1;
-    }
-    CReferenceHost host;
-    module->SetEnvironment(host.Table());
-    CMetaObjectHandler* handler = module->GetHandlerObject();
-    if (handler->Open(kIdentity, nullptr) != MetaStatusOk) {
-        std::fprintf(stderr,
-                     "array_bench: %s doesn't open; register the fixture first "
-                     "(cd build && ctest -R call_fixture_registration)\n",
-                     kIdentity);
-        return 1;
-    }
+    CMetaObjectHandler* handler = session.handler;
 
     const std::vector<Shape> shapes = {
         {"1,000,000 VT_I4", L"VT_I4|VT_ARRAY", VT_I4, {{1000000, 0}}},
@@ -229,8 +218,5 @@ int main()
         std::printf("%-26s %9.1f %9.1f %9.1f %9.1f %10.2f %10.2f\n", shape.label, send, trip, raw, items, send / raw,
                     trip / raw);
     }
-    handler->Release();
-    host.FreeReleasedHandlers(module->FreeHandlerObject);
-    module->CleanUpHandler();
     return 0;
 }

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/fixture_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "metaobj/records.h"
@@ -377,22 +378,10 @@ private:
 
 int main()
 {
-    std::string error;
-    std::unique_ptr<CHandlerModule> module = CHandlerModule::Load(DefaultModulePath(), error);
-    if (!module || !module->InitHandler(module->Handle())) {
-        std::fprintf(stderr, "call_bench: %s\n", module ? "InitHandler refused" : error.c_str());
+    CFixtureSession session;
+    if (!session.Open("call_bench", kIdentity))
         return 1;
-    }
-    CReferenceHost host;
-    module->SetEnvironment(host.Table());
-    CMetaObjectHandler* handler = module->GetHandlerObject();
-    if (handler->Open(kIdentity, nullptr) != MetaStatusOk) {
-        std::fprintf(stderr,
-                     "call_bench: %s doesn't open; register the fixture first "
-                     "(cd build && ctest -R call_fixture_registration)\n",
-                     kIdentity);
-        return 1;
-    }
+    CMetaObjectHandler* handler = session.handler;
 
     std::vector<Case> cases = MakeCases();
     for (const Case& c : cases) {
@@ -446,8 +435,5 @@ int main()
                     script.loop, moduleRows[at].kept / script.perCall, moduleRows[at].rebuilt / script.perCall);
     }
 
-    handler->Release();
-    host.FreeReleasedHandlers(module->FreeHandlerObject);
-    module->CleanUpHandler();
     return 0;
 }

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/fixture_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "metaobj/compound_items.h"
@@ -133,22 +134,10 @@ struct Row {
 
 int main()
 {
-    std::string error;
-    std::unique_ptr<CHandlerModule> module = CHandlerModule::Load(DefaultModulePath(), error);
-    if (!module || !module->InitHandler(module->Handle())) {
-        std::fprintf(stderr, "walk_bench: %s\n", module ? "InitHandler refused" : error.c_str());
+    CFixtureSession session;
+    if (!session.Open("walk_bench", kIdentity))
         return 1;
-    }
-    CReferenceHost host;
-    module->SetEnvironment(host.Table());
-    CMetaObjectHandler* maker = module->GetHandlerObject();
-    if (maker->Open(kIdentity, nullptr) != MetaStatusOk) {
-        std::fprintf(stderr,
-                     "walk_bench: %s doesn't open; register the fixture first "
-                     "(cd build && ctest -R call_fixture_registration)\n",
-                     kIdentity);
-        return 1;
-    }
+    CMetaObjectHandler* maker = session.handler;
     CMetaObjectItem* collectionItem = MakeCollection(*maker);
     auto* collectionObject = dynamic_cast<CMetaObjectObject*>(collectionItem);
     CMetaObjectHandler* collection = collectionObject ? collectionObject->handler : nullptr;
@@ -201,8 +190,5 @@ int main()
     collection->CloseEnumerator(&slot);
     collectionItem->Clear();
     maker->FreeItem(collectionItem);
-    maker->Release();
-    host.FreeReleasedHandlers(module->FreeHandlerObject);
-    module->CleanUpHandler();
     return 0;
 }
