@@ -1,12 +1,13 @@
 // An in-process server file with its type libraries. TYPELIB resource 1 is the
 // catalogue fixture library, which nothing registers: the tests of the
-// server-file road rely on that. Resources 2, 3 and 4 are the libraries of the
-// call, array and collection fixtures, whose classes this file serves and
+// server-file road rely on that. Resources 2 to 5 are the libraries of the
+// call, array, collection and hostile fixtures, whose classes this file serves and
 // registers.
 
 #include "array_fixture.h"       // widl's headers of the three libraries
 #include "call_fixture.h"
 #include "collection_fixture.h"
+#include "hostile_fixture.h"
 
 #include <olectl.h>
 #include <oleauto.h>
@@ -19,6 +20,8 @@
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/collection_fixture_values.h"
+#include "tests/servers/hostile_fixture_objects.h"
+#include "tests/servers/hostile_fixture_values.h"
 
 using MetaObj::ComPtr;
 using MetaObj::RegKey;
@@ -76,6 +79,7 @@ private:
 CFixtureFactory g_callFactory(CreateCallFixture);
 CFixtureFactory g_arrayFactory(CreateArrayFixture);
 CFixtureFactory g_collectionFactory(CreateCollectionFixture);
+CFixtureFactory g_hostileFactory(CreateHostileFixture);
 
 struct FixtureClass {
     const CLSID& classId;
@@ -93,6 +97,8 @@ const FixtureClass kClasses[] = {
      g_arrayFactory},
     {CLSID_CollectionFixture, L"CollectionFixture", CollectionValues::kProgId, LIBID_CollectionFixtureLib,
      kCollectionLibraryResource, g_collectionFactory},
+    {CLSID_HostileFixture, L"HostileFixture", HostileValues::kProgId, LIBID_HostileFixtureLib,
+     kHostileLibraryResource, g_hostileFactory},
 };
 
 #ifdef _WIN64
@@ -183,12 +189,13 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
     return LiveFixtureObjects() == 0 && LiveCollectionObjects() == 0 && LiveArrayFixtureObjects() == 0 &&
+                   LiveHostileObjects() == 0 &&
                    !FixtureServerLocked()
                ? S_OK
                : S_FALSE;
 }
 
-// The libraries of resources 2 to 4; the catalogue library of resource 1
+// The libraries of resources 2 to 5; the catalogue library of resource 1
 // stays unregistered.
 __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
 {
@@ -218,7 +225,7 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
 // made, this is back where it started.
 __declspec(dllexport) LONG __stdcall FixtureLiveObjects()
 {
-    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects();
+    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
 }
 
 }  // extern "C"

@@ -1,0 +1,49 @@
+#pragma once
+// What the hostile fixture (hostile_fixture.idl) does, shared by the server and
+// the tests that call it.
+
+#include <cstdint>
+
+namespace HostileValues {
+
+constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
+constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
+constexpr char kClassIdNarrow[] = "9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20";
+
+// What a failing member leaves in its out cells.
+constexpr std::uintptr_t kGarbage = 0xdeadbeef;
+
+// GiveArray(shape).
+enum ArrayShape : std::int32_t {
+    kNoDimensions = 0,        // a descriptor whose cDims is 0
+    kManyDimensions = 1,      // 65,535 dimensions of one element each, the most cDims holds
+    kOverflowingCount = 2,    // two dimensions of 65,536 elements: 2^32 elements, no data behind
+    kNullArray = 3,           // VT_ARRAY|VT_I4 with a null SAFEARRAY
+    kNegativeCount = 4,       // one dimension whose cElements has the top bit set
+    kVariantHoldsItself = 5,  // VT_ARRAY|VT_VARIANT whose one element is VT_VARIANT|VT_BYREF to itself
+};
+
+// GiveText(which).
+enum TextShape : std::int32_t {
+    kEmbeddedNul = 0,  // L"a\0b", length 3
+    kOddBytes = 1,     // 3 bytes: "abc" by SysAllocStringByteLen
+    kNullText = 2,     // a null BSTR
+    kLongText = 3,     // 100,000 characters
+};
+constexpr wchar_t kEmbeddedNulText[] = L"a\0b";
+constexpr unsigned kLongTextLength = 100000;
+
+// Throw(where).
+enum ThrowPlace : std::int32_t {
+    kThrowInInvoke = 0,
+    kThrowInGetIDsOfNames = 1,  // arms the next GetIDsOfNames of this object
+    kThrowInQueryInterface = 2, // arms the next QueryInterface of this object
+};
+// GiveType(vt) beyond the vt numbers.
+constexpr std::int32_t kNullByRef = -1;  // VT_BYREF|VT_I4 with a null pointer
+constexpr std::int32_t kSelfByRef = -2;  // VT_BYREF|VT_VARIANT that points at itself
+
+// A member name whose look-up throws, whatever was armed.
+constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";
+
+}  // namespace HostileValues
