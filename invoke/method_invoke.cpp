@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "discovery/type_names.h"
 #include "invoke/variant_owner.h"
@@ -111,6 +112,55 @@ struct CallFrame {
     VARIANT result;
 };
 
+// Bytes of what a by-reference argument's cell owns for the call: what its
+// release frees or releases. 0 for cells of plain values and for no cell.
+std::size_t OwnedCellBytes(const VARIANT& argument)
+{
+    const VARTYPE vt = argument.vt;
+    if (!(vt & VT_BYREF) || vt == (VT_RECORD | VT_BYREF) || !argument.byref)
+        return 0;
+    if (vt & VT_ARRAY)
+        return sizeof(SAFEARRAY*);
+    switch (vt & ~VT_BYREF) {
+    case VT_BSTR: return sizeof(BSTR);
+    case VT_VARIANT: return sizeof(VARIANT);
+    case VT_DISPATCH:
+    case VT_UNKNOWN: return sizeof(IUnknown*);
+    default: return 0;
+    }
+}
+
+// The owned contents of each cell as the call went out. A failed callee must
+// leave a cell as it was or holding something freeable; one that leaves
+// garbage can't be told from one that freed and replaced, so after a failure a
+// cell that changed is given up: its contents may leak, but are never freed.
+class SentCells {
+public:
+    explicit SentCells(const VARIANT* arguments, std::size_t count) : sent(count)
+    {
+        for (std::size_t at = 0; at < count; ++at) {
+            sent[at].bytes = OwnedCellBytes(arguments[at]);
+            if (sent[at].bytes != 0)
+                std::memcpy(sent[at].held, arguments[at].byref, sent[at].bytes);
+        }
+    }
+    void GiveUpChanged(VARIANT* arguments) const
+    {
+        for (std::size_t at = 0; at < sent.size(); ++at) {
+            const Cell& cell = sent[at];
+            if (cell.bytes != 0 && std::memcmp(cell.held, arguments[at].byref, cell.bytes) != 0)
+                std::memset(arguments[at].byref, 0, cell.bytes);  // a zeroed VARIANT is VT_EMPTY
+        }
+    }
+
+private:
+    struct Cell {
+        std::size_t bytes = 0;
+        unsigned char held[sizeof(VARIANT)];
+    };
+    std::vector<Cell> sent;
+};
+
 // Moves the texts of a failed call into the record; empty texts change nothing.
 void TakeExceptionTexts(EXCEPINFO& info, CMethodInvokeStatus& status)
 {
@@ -203,9 +253,14 @@ MetaStatus CCOMMethodInvoke::Execute(CMethodInvokeStatus* status, CMetaObjectIte
                 return MetaStatusInvokeFailed;
         }
 
+        const SentCells sent(frame.arguments, frame.count);
         const HRESULT hr = dispatch->Invoke(dispid, IID_NULL, GetUserDefaultLCID(), call.flags, &arguments,
                                             &frame.result, &exception, &argumentError);
         if (FAILED(hr)) {
+            sent.GiveUpChanged(frame.arguments);
+            // Nothing of a failed call is read, the result included: what a
+            // failing callee left there may be garbage, so it is not cleared.
+            std::memset(&frame.result, 0, sizeof frame.result);
             record.code = exception.scode == E_NOTIMPL ? 1 : 65535;
             EXCEPINFO filled{};
             EXCEPINFO* read = &exception;
