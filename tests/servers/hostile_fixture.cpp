@@ -130,11 +130,11 @@ public:
         if (out == nullptr)
             return E_POINTER;
         *out = nullptr;
+        if (InterlockedExchange(&throwOnQuery, 0) != 0)
+            throw std::runtime_error("HostileFixture.QueryInterface");
         if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
             !IsEqualIID(iid, IID_IHostileFixture))
             return E_NOINTERFACE;
-        if (InterlockedExchange(&throwOnQuery, 0) != 0)
-            throw std::runtime_error("HostileFixture.QueryInterface");
         if (NthFails(g_queries, g_failQueryEvery))
             return E_NOINTERFACE;
         *out = static_cast<IHostileFixture*>(this);
