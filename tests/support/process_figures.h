@@ -57,13 +57,22 @@ inline DWORD OpenHandleCount()
     return HandlesInSystemTable();
 }
 
-// Bytes committed to this process alone; 0 if the platform can't say.
+// Bytes committed to this process alone. Wine's process counters give 0, so
+// the committed private regions of the address space are added up instead.
 inline SIZE_T PrivateBytes()
 {
     PROCESS_MEMORY_COUNTERS_EX counters{};
     counters.cb = sizeof counters;
-    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                              sizeof counters))
-        return 0;
-    return counters.PrivateUsage;
+    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                             sizeof counters) &&
+        counters.PrivateUsage != 0)
+        return counters.PrivateUsage;
+    SIZE_T committed = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const BYTE* at = nullptr; VirtualQuery(at, &region, sizeof region) == sizeof region;
+         at = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize) {
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+            committed += region.RegionSize;
+    }
+    return committed;
 }
