@@ -588,7 +588,8 @@ TEST(GeneratedSignatureTest, TypeChainsPrintWithinTheLimitAndReadBack)
     RunCases(3101, 1500, [](TextGenerator& gen) {
         // Innermost first; the leaf is any 16-bit type, table types more often.
         // A pointer or array as the leaf has no target, and prints as the default.
-        std::vector<TYPEDESC> chain(gen.Between(1, 16));
+        // Some chains are deeper than a thread's stack has room for frames.
+        std::vector<TYPEDESC> chain(gen.OneIn(100) ? gen.Between(100000, 300000) : gen.Between(1, 16));
         TYPEDESC& leaf = chain.front();
         leaf.vt = gen.OneIn(2) ? gen.Pick(kSignatures).vt : static_cast<VARTYPE>(gen.Word());
         leaf.lptdesc = nullptr;
@@ -600,7 +601,7 @@ TEST(GeneratedSignatureTest, TypeChainsPrintWithinTheLimitAndReadBack)
         }
         expected.resize(std::min(expected.size(), kSignatureChars - 1));
         const TYPEDESC& outer = chain.back();
-        SCOPED_TRACE(Printable(expected));
+        SCOPED_TRACE(Printable(expected) + " depth " + std::to_string(chain.size()));
         ExpectNoBlocksLeft([&] {
             EXPECT_EQ(Wide(TypeSignatureText(&outer)), expected);
             const SignatureRow* row = SignatureRowOf(expected.substr(0, expected.find(L'|')));
