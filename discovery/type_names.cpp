@@ -194,10 +194,20 @@ void BuildStruct(CTypeDesc& out, ITypeInfo* info, const TYPEATTR& attributes)
     delete[] guidText;
 }
 
+// How deep user-defined types may nest through aliases and struct members. A
+// type library can make them refer to each other in a circle; without a bound
+// that would recurse until the stack is gone. Real types nest a few levels.
+constexpr int kMostUserDefinedDepth = 64;
+
 bool BuildUserDefined(CTypeDesc& out, ITypeInfo* info, const TYPEDESC* type)
 {
+    thread_local int depth = 0;
+    struct Nesting {
+        Nesting() { ++depth; }
+        ~Nesting() { --depth; }
+    } nesting;
     ComPtr<ITypeInfo> referenced;
-    if (FAILED(info->GetRefTypeInfo(type->hreftype, referenced.Put()))) {
+    if (depth > kMostUserDefinedDepth || FAILED(info->GetRefTypeInfo(type->hreftype, referenced.Put()))) {
         Unresolved(out, type);
         return false;
     }
