@@ -3,6 +3,7 @@
 # (compiled and linked only), and then:
 #   ./build.sh run [comtool arguments]   runs the tool (no arguments: a short tour of what it does)
 #   ./build.sh test                      runs the whole test suite under Wine
+#   ./build.sh test-heap                 the same with Wine's heap checking on
 #   ./build.sh build                     stops after building
 set -eu
 cd "$(dirname "$0")"
@@ -47,6 +48,8 @@ case "$command" in
         [ $# -eq 0 ] && exec build/comtool tour
         exec build/comtool "$@" ;;
     test) cd build && exec ctest --output-on-failure -j2 ;;
+    # Double frees, overruns and writes to freed blocks fail the test that made them.
+    test-heap) cd build && WINEDEBUG=-all,warn+heap exec ctest --output-on-failure -j2 ;;
     build) ;;
-    *) echo "usage: $0 [run [comtool arguments] | test | build]" >&2; exit 2 ;;
+    *) echo "usage: $0 [run [comtool arguments] | test | test-heap | build]" >&2; exit 2 ;;
 esac

@@ -113,14 +113,24 @@ void Unresolved(CTypeDesc& out, const TYPEDESC* type)
     out.signature = TypeSignatureText(type);
 }
 
+// A loop, not a recursion: a type library's chain of pointers and arrays may be
+// deeper than the stack. Only the marks nearest the target can show within a
+// signature's limit, so only those are kept.
 std::wstring SignatureOf(const TYPEDESC* type)
 {
-    if (!type)
-        return L"VT_BYREF";
-    if ((type->vt == VT_PTR || type->vt == VT_SAFEARRAY) && type->lptdesc)
-        return SignatureOf(type->lptdesc) + (type->vt == VT_PTR ? L"|VT_PTR" : L"|VT_ARRAY");
-    const VarTypeRow& row = RowOf(type->vt);
-    return row.signature ? row.signature : L"VT_BYREF";
+    constexpr std::size_t kMarksShown = 8;  // each mark takes 7 of the 49 characters
+    VARTYPE marks[kMarksShown];
+    std::size_t depth = 0;
+    while (type && (type->vt == VT_PTR || type->vt == VT_SAFEARRAY) && type->lptdesc) {
+        marks[depth % kMarksShown] = type->vt;
+        ++depth;
+        type = type->lptdesc;
+    }
+    const wchar_t* target = type ? RowOf(type->vt).signature : nullptr;
+    std::wstring text = target ? target : L"VT_BYREF";
+    for (std::size_t shown = 0; shown < depth && shown < kMarksShown; ++shown)
+        text += marks[(depth - 1 - shown) % kMarksShown] == VT_PTR ? L"|VT_PTR" : L"|VT_ARRAY";
+    return text;
 }
 
 CMetaString DocumentationName(ITypeInfo* info)
@@ -184,10 +194,20 @@ void BuildStruct(CTypeDesc& out, ITypeInfo* info, const TYPEATTR& attributes)
     delete[] guidText;
 }
 
+// How deep user-defined types may nest through aliases and struct members. A
+// type library can make them refer to each other in a circle; without a bound
+// that would recurse until the stack is gone. Real types nest a few levels.
+constexpr int kMostUserDefinedDepth = 64;
+
 bool BuildUserDefined(CTypeDesc& out, ITypeInfo* info, const TYPEDESC* type)
 {
+    thread_local int depth = 0;
+    struct Nesting {
+        Nesting() { ++depth; }
+        ~Nesting() { --depth; }
+    } nesting;
     ComPtr<ITypeInfo> referenced;
-    if (FAILED(info->GetRefTypeInfo(type->hreftype, referenced.Put()))) {
+    if (depth > kMostUserDefinedDepth || FAILED(info->GetRefTypeInfo(type->hreftype, referenced.Put()))) {
         Unresolved(out, type);
         return false;
     }

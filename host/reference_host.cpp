@@ -71,6 +71,13 @@ std::vector<std::string> CReferenceHost::AccessRequests() const
     return accessRequests;
 }
 
+void CReferenceHost::ClearRecords()
+{
+    Lock hold(section);
+    accessRequests = {};
+    loadCalls = {};
+}
+
 std::size_t CReferenceHost::FreeReleasedHandlers(FreeHandlerObjectFn freeHandler)
 {
     std::vector<MetaObj::CMetaObjectHandler*> released;

@@ -44,6 +44,9 @@ public:
     void AllowAll();
     void Deny(const std::string& progId);
     std::vector<std::string> AccessRequests() const;  // object names asked about, in order
+    // Forgets the access requests and load calls recorded so far, so that a
+    // long run's records don't grow without end.
+    void ClearRecords();
 
     // How the host answers the next BeginObjectLoad. A table already loaded for
     // an identity is not loaded twice unless Reload is asked for.

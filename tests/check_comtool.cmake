@@ -11,10 +11,17 @@ execute_process(COMMAND ${COMTOOL} info INPUT_FILE /dev/null OUTPUT_FILE /dev/nu
 
 function(run_tool expected_exit)
   execute_process(COMMAND ${COMTOOL} ${ARGN} OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
+  # Once in hundreds of runs on a loaded machine, Wine kills a process with
+  # SIGKILL while it ends, after the tool has flushed all its output. That is
+  # the platform's exit, not the tool's work: one more run decides.
+  if(code STREQUAL "Subprocess killed")
+    message(WARNING "comtool ${ARGN}: killed while ending, run again")
+    execute_process(COMMAND ${COMTOOL} ${ARGN} OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE code)
+  endif()
   if(NOT code EQUAL expected_exit)
     message(FATAL_ERROR "comtool ${ARGN}: exit ${code}, expected ${expected_exit}\nstdout: ${out}\nstderr: ${err}")
   endif()
-  # Run with WINEDEBUG=-all,warn+heap, this also catches double frees.
+  # Under ./build.sh test-heap, Wine reports double frees and overruns on stderr.
   if(code EQUAL 0 AND NOT err STREQUAL "")
     message(FATAL_ERROR "comtool ${ARGN}: succeeded, but said on stderr: ${err}")
   endif()

@@ -375,34 +375,43 @@ TEST_F(ArrayCallTest, ObjectsInArraysKeepExactReferences)
 // An in/out array goes by reference and what stands in the cell after the call
 // is read back into the item. Wine's VBScript keeps a ByRef array it replaces
 // to itself, so the item may come back as it went; both are whole and leak nothing.
+// On a host thread of its own apartment, as a host may run its scripts: the
+// engine is then called directly. Across apartments Wine's 64-bit marshaler
+// keeps a by-reference array cell in 4 bytes and overruns it.
 TEST_F(ArrayCallTest, AnInOutArrayComesBackIntoTheItem)
 {
     RunLive([&] {
-        CMetaObjectHandler* control = Script(
-            L"Class Grower\n"
-            L"  Public Sub Grow(ByRef a) : a = Array(a(0) + 1, \"eight\", 9) : End Sub\n"
-            L"End Class\n");
-        auto expression = Text(L"New Grower");
-        Outcome made = Call(*control, L"Invoke:Eval", {expression.get()});
-        ASSERT_EQ(made.status, MetaStatusOk);
-        CMetaObjectHandler& grower = *dynamic_cast<CMetaObjectObject&>(*made.result).handler;
+        RunOnThread([&] {
+            ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+            CMetaObjectHandler* control = Script(
+                L"Class Grower\n"
+                L"  Public Sub Grow(ByRef a) : a = Array(a(0) + 1, \"eight\", 9) : End Sub\n"
+                L"End Class\n");
+            auto expression = Text(L"New Grower");
+            Outcome made = Call(*control, L"Invoke:Eval", {expression.get()});
+            ASSERT_EQ(made.status, MetaStatusOk);
+            CMetaObjectHandler& grower = *dynamic_cast<CMetaObjectObject&>(*made.result).handler;
 
-        auto array = Array(L"VT_VARIANT|VT_ARRAY|VT_PTR", {{0, 1}});
-        array->elements[0] = new CMetaObjectInt(6);
-        array->GetTypeDesc().isByRef = 1;
-        array->SetDirection(2);
-        EXPECT_EQ(Call(grower, L"Invoke:Grow", {array.get()}).status, MetaStatusOk);
-        if (array->elementCount == 3) {
-            EXPECT_EQ(BoundsOf(*array), (Bounds{{0, 3}}));
-            EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array->elements[0]).value, 7);
-            EXPECT_EQ(Wide(dynamic_cast<CMetaObjectString&>(*array->elements[1]).value), L"eight");
-        } else {
-            EXPECT_EQ(BoundsOf(*array), (Bounds{{0, 1}}));
-            EXPECT_EQ(array->elementCount, 1);
-            EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array->elements[0]).value, 6);
-        }
-        Free(*control, made.result);
-        Done(control);
+            auto array = Array(L"VT_VARIANT|VT_ARRAY|VT_PTR", {{0, 1}});
+            array->elements[0] = new CMetaObjectInt(6);
+            array->GetTypeDesc().isByRef = 1;
+            array->SetDirection(2);
+            EXPECT_EQ(Call(grower, L"Invoke:Grow", {array.get()}).status, MetaStatusOk);
+            // Wine's engine may assign to a copy of the array; then the item stays as it went.
+            if (array->elementCount == 3) {
+                EXPECT_EQ(BoundsOf(*array), (Bounds{{0, 3}}));
+                EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array->elements[0]).value, 7);
+                EXPECT_EQ(Wide(dynamic_cast<CMetaObjectString&>(*array->elements[1]).value), L"eight");
+            } else {
+                EXPECT_EQ(BoundsOf(*array), (Bounds{{0, 1}}));
+                EXPECT_EQ(array->elementCount, 1);
+                EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*array->elements[0]).value, 6);
+            }
+            array.reset();
+            Free(*control, made.result);
+            Done(control);
+            CoUninitialize();
+        });
     });
 }
 

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <windows.h>
+#include <oleauto.h>
+
 #include <string>
 
 #include "discovery/type_library.h"
@@ -234,6 +237,67 @@ TEST_F(TypeDescShapesTest, EnumerationsAreFollowedThroughTheirReference)
         dictionary->ReleaseFuncDesc(function);
     }
     EXPECT_TRUE(seen);
+}
+
+// Types that refer to each other in a circle, as a type library may make them:
+// an alias of itself, and two structs that hold each other. Built in memory
+// through ICreateTypeLib2, since no compiler writes them.
+TEST(TypeDescCircles, ACircleOfTypesEndsUnresolvedInsteadOfRecursing)
+{
+    wchar_t directory[MAX_PATH];
+    GetTempPathW(MAX_PATH, directory);
+    const std::wstring file = std::wstring(directory) + L"comhandler_circles.tlb";
+    ComPtr<ICreateTypeLib2> library;
+    ASSERT_EQ(CreateTypeLib2(SYS_WIN64, file.c_str(), library.Put()), S_OK);
+
+    auto create = [&](const wchar_t* name, TYPEKIND kind, ComPtr<ICreateTypeInfo>& created, ComPtr<ITypeInfo>& info) {
+        ASSERT_EQ(library->CreateTypeInfo(const_cast<LPOLESTR>(name), kind, created.Put()), S_OK);
+        ASSERT_EQ(created->QueryInterface(IID_ITypeInfo, info.PutVoid()), S_OK);
+    };
+    ComPtr<ICreateTypeInfo> selfCreated, firstCreated, secondCreated;
+    ComPtr<ITypeInfo> self, first, second;
+    create(L"Itself", TKIND_ALIAS, selfCreated, self);
+    create(L"First", TKIND_RECORD, firstCreated, first);
+    create(L"Second", TKIND_RECORD, secondCreated, second);
+
+    HREFTYPE selfReference = 0, firstReference = 0, secondReference = 0;
+    ASSERT_EQ(selfCreated->AddRefTypeInfo(self.Get(), &selfReference), S_OK);
+    TYPEDESC alias{};
+    alias.vt = VT_USERDEFINED;
+    alias.hreftype = selfReference;
+    ASSERT_EQ(selfCreated->SetTypeDescAlias(&alias), S_OK);
+
+    ASSERT_EQ(firstCreated->AddRefTypeInfo(second.Get(), &secondReference), S_OK);
+    ASSERT_EQ(secondCreated->AddRefTypeInfo(first.Get(), &firstReference), S_OK);
+    auto holding = [](ICreateTypeInfo* owner, const wchar_t* member, HREFTYPE reference) {
+        VARDESC variable{};
+        variable.memid = 0;
+        variable.varkind = VAR_PERINSTANCE;
+        variable.elemdescVar.tdesc.vt = VT_USERDEFINED;
+        variable.elemdescVar.tdesc.hreftype = reference;
+        ASSERT_EQ(owner->AddVarDesc(0, &variable), S_OK);
+        ASSERT_EQ(owner->SetVarName(0, const_cast<LPOLESTR>(member)), S_OK);
+    };
+    holding(firstCreated.Get(), L"second", secondReference);
+    holding(secondCreated.Get(), L"first", firstReference);
+
+    const struct {
+        const char* label;
+        ITypeInfo* owner;
+        HREFTYPE reference;
+    } rows[] = {{"an alias of itself", self.Get(), selfReference},
+                {"two structs that hold each other", second.Get(), firstReference}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.label);
+        TYPEDESC type{};
+        type.vt = VT_USERDEFINED;
+        type.hreftype = row.reference;
+        CTypeDesc out;
+        BuildTypeDesc(out, row.owner, &type);  // returns, whatever it makes of the circle
+        CTypeDesc again;
+        BuildTypeDesc(again, row.owner, &type);  // and the bound starts afresh for the next type
+        EXPECT_EQ(again.type, out.type);
+    }
 }
 
 }  // namespace
