@@ -112,8 +112,11 @@ struct CallFrame {
     VARIANT result;
 };
 
-// Bytes of what a by-reference argument's cell owns for the call: what its
-// release frees or releases. 0 for cells of plain values and for no cell.
+// Bytes of what a by-reference argument's cell owns for the call, where this
+// module chose to own it: objects, VARIANTs and arrays. A text cell's BSTR is
+// freed after every call, as the release of the call frame has always done,
+// so a server that leaves garbage there on failure is not guarded against.
+// 0 for cells of plain values, text cells and no cell.
 std::size_t OwnedCellBytes(const VARIANT& argument)
 {
     const VARTYPE vt = argument.vt;
@@ -122,7 +125,6 @@ std::size_t OwnedCellBytes(const VARIANT& argument)
     if (vt & VT_ARRAY)
         return sizeof(SAFEARRAY*);
     switch (vt & ~VT_BYREF) {
-    case VT_BSTR: return sizeof(BSTR);
     case VT_VARIANT: return sizeof(VARIANT);
     case VT_DISPATCH:
     case VT_UNKNOWN: return sizeof(IUnknown*);
@@ -257,10 +259,9 @@ MetaStatus CCOMMethodInvoke::Execute(CMethodInvokeStatus* status, CMetaObjectIte
         const HRESULT hr = dispatch->Invoke(dispid, IID_NULL, GetUserDefaultLCID(), call.flags, &arguments,
                                             &frame.result, &exception, &argumentError);
         if (FAILED(hr)) {
+            // The result is cleared all the same: a failing callee leaves it
+            // empty or valid, and what it left valid must not leak.
             sent.GiveUpChanged(frame.arguments);
-            // Nothing of a failed call is read, the result included: what a
-            // failing callee left there may be garbage, so it is not cleared.
-            std::memset(&frame.result, 0, sizeof frame.result);
             record.code = exception.scode == E_NOTIMPL ? 1 : 65535;
             EXCEPINFO filled{};
             EXCEPINFO* read = &exception;

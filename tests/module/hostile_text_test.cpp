@@ -297,8 +297,9 @@ TEST_F(HostileTextTest, TypeWordsOfEveryLength)
             SCOPED_TRACE(row.label);
             CMetaString out(L"untouched");
             EXPECT_EQ(handler->GetTypeSignature(CMetaString(row.word.c_str()), out, true), row.status);
-            if (row.status != MetaStatusOk)
+            if (row.status != MetaStatusOk) {
                 EXPECT_EQ(Wide(out), L"untouched");
+            }
         }
         EXPECT_EQ(handler->Release(), MetaStatusClosed);
         host.FreeReleasedHandlers(module->FreeHandlerObject);

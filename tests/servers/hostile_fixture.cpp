@@ -39,7 +39,7 @@ enum Member : DISPID {
     kGarbageVariantId = 4,
     kGarbageObjectId = 5,
     kGarbageArrayId = 6,
-    kGarbageResultId = 7,
+    kFailWithResultId = 7,
     kGarbageOutId = 8,
     kGiveTypeId = 10,
     kGiveArrayId = 11,
@@ -57,7 +57,7 @@ constexpr MemberName kMembers[] = {
     {L"FailQueryEvery", kFailQueryEveryId}, {L"FailAllocationEvery", kFailAllocationEveryId},
     {L"GarbageText", kGarbageTextId},       {L"GarbageVariant", kGarbageVariantId},
     {L"GarbageObject", kGarbageObjectId},   {L"GarbageArray", kGarbageArrayId},
-    {L"GarbageResult", kGarbageResultId},   {L"GarbageOut", kGarbageOutId},
+    {L"FailWithResult", kFailWithResultId},   {L"GarbageOut", kGarbageOutId},
     {L"GiveType", kGiveTypeId},             {L"GiveArray", kGiveArrayId},
     {L"GiveText", kGiveTextId},             {L"MakeChild", kMakeChildId},
     {L"Throw", kThrowId},                   {L"Swallow", kSwallowId},
@@ -186,9 +186,10 @@ public:
             return GarbageObject(params);
         case kGarbageArrayId:
             return GarbageArray(params);
-        case kGarbageResultId:
+        case kFailWithResultId:
+            // Against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
-            out.bstrVal = Garbage<BSTR>();
+            out.bstrVal = SysAllocString(L"left behind");
             return E_FAIL;
         case kGarbageOutId:
             return GarbageOut(params);
@@ -232,7 +233,7 @@ public:
     HRESULT STDMETHODCALLTYPE GarbageVariant(LONG, VARIANT*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageObject(LONG, IDispatch**) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageArray(LONG, SAFEARRAY**) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageResult(VARIANT*) override { return E_UNEXPECTED; }
+    HRESULT STDMETHODCALLTYPE FailWithResult(VARIANT*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageOut(BSTR*, IDispatch**) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GiveType(LONG, VARIANT*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GiveArray(LONG, VARIANT*) override { return E_UNEXPECTED; }
@@ -264,6 +265,12 @@ private:
         LONG value = 0;
         return LongArgument(params, 0, value) && value != 0;
     }
+    // freeFirst 2: the text is freed and replaced by a valid one before failing.
+    static bool ReplaceValid(DISPPARAMS* params)
+    {
+        LONG value = 0;
+        return LongArgument(params, 0, value) && value == 2;
+    }
 
     static HRESULT GarbageText(DISPPARAMS* params)
     {
@@ -272,7 +279,7 @@ private:
             return DISP_E_TYPEMISMATCH;
         if (FreeFirst(params))
             SysFreeString(*cell);
-        *cell = Garbage<BSTR>();
+        *cell = ReplaceValid(params) ? SysAllocString(L"replaced") : Garbage<BSTR>();
         return E_FAIL;
     }
     static HRESULT GarbageVariant(DISPPARAMS* params)
@@ -309,8 +316,9 @@ private:
     // Out cells: by COM's rules they come in holding nothing of the callee's.
     static HRESULT GarbageOut(DISPPARAMS* params)
     {
+        // A text out cell is freed after every call, so only a valid one can stand there.
         if (auto* text = static_cast<BSTR*>(Cell(params, 0, VT_BSTR)))
-            *text = Garbage<BSTR>();
+            *text = SysAllocString(L"left behind");
         if (auto* object = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH)))
             *object = Garbage<IDispatch*>();
         return E_FAIL;
