@@ -886,31 +886,31 @@ std::string Literal(TextGenerator& gen)
 
 FormatRequest RandomFormat(TextGenerator& gen)
 {
-    static const char* const kTextSpecs[] = {"%s", "%-12s", "%.3s", "%40s", "%20000s", "%.0s"};
-    static const char* const kNumberSpecs[] = {"%d", "%ld", "%i", "%u", "%x", "%X", "%08x", "%-9d", "%+d", "%o",
+    static const char* const kTextConversions[] = {"%s", "%-12s", "%.3s", "%40s", "%20000s", "%.0s"};
+    static const char* const kNumberConversions[] = {"%d", "%ld", "%i", "%u", "%x", "%X", "%08x", "%-9d", "%+d", "%o",
                                                "%15000d"};
     FormatRequest request;
     const std::string before = Literal(gen);
-    std::string spec;
+    std::string conversion;
     switch (gen.Below(4)) {
     case 0:
     case 1:
         request.argument = FormatRequest::Text;
-        spec = gen.Pick(kTextSpecs);
+        conversion = gen.Pick(kTextConversions);
         request.text = gen.OneIn(8) ? std::string(gen.Between(9000, 30000), 'w') : gen.OddNarrow(40);
         break;
     case 2:
         request.argument = FormatRequest::Number;
-        spec = gen.Pick(kNumberSpecs);
+        conversion = gen.Pick(kNumberConversions);
         request.number = static_cast<std::int32_t>(gen.Word());
         break;
     default:
         request.argument = gen.OneIn(2) ? FormatRequest::Character : FormatRequest::None;
-        spec = request.argument == FormatRequest::Character ? "%c" : "";
+        conversion = request.argument == FormatRequest::Character ? "%c" : "";
         request.number = static_cast<std::int32_t>(gen.Between(1, 255));
         break;
     }
-    request.format = before + spec + Literal(gen);
+    request.format = before + conversion + Literal(gen);
     return request;
 }
 
