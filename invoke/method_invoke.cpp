@@ -138,26 +138,31 @@ std::size_t OwnedCellBytes(const VARIANT& argument)
 // cell that changed is given up: its contents may leak, but are never freed.
 class SentCells {
 public:
-    explicit SentCells(const VARIANT* arguments, std::size_t count) : sent(count)
+    // Only owned cells are kept, so a call of plain values allocates nothing here.
+    explicit SentCells(const VARIANT* arguments, std::size_t count)
     {
         for (std::size_t at = 0; at < count; ++at) {
-            sent[at].bytes = OwnedCellBytes(arguments[at]);
-            if (sent[at].bytes != 0)
-                std::memcpy(sent[at].held, arguments[at].byref, sent[at].bytes);
+            const std::size_t bytes = OwnedCellBytes(arguments[at]);
+            if (bytes == 0)
+                continue;
+            Cell cell{at, bytes, {}};
+            std::memcpy(cell.held, arguments[at].byref, bytes);
+            sent.push_back(cell);
         }
     }
     void GiveUpChanged(VARIANT* arguments) const
     {
-        for (std::size_t at = 0; at < sent.size(); ++at) {
-            const Cell& cell = sent[at];
-            if (cell.bytes != 0 && std::memcmp(cell.held, arguments[at].byref, cell.bytes) != 0)
-                std::memset(arguments[at].byref, 0, cell.bytes);  // a zeroed VARIANT is VT_EMPTY
+        for (const Cell& cell : sent) {
+            void* now = arguments[cell.at].byref;
+            if (std::memcmp(cell.held, now, cell.bytes) != 0)
+                std::memset(now, 0, cell.bytes);  // a zeroed VARIANT is VT_EMPTY
         }
     }
 
 private:
     struct Cell {
-        std::size_t bytes = 0;
+        std::size_t at;
+        std::size_t bytes;
         unsigned char held[sizeof(VARIANT)];
     };
     std::vector<Cell> sent;
