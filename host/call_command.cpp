@@ -163,12 +163,16 @@ int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallComma
             session.ReleaseHandles();
         }
     }
-    // The handlers the module made for returned objects are the host's to free;
-    // one still in use after everything was given back is a leak.
+    return FinishRun(module, host, document, failure, command.asJson, exitCode);
+}
+
+int FinishRun(CHandlerModule& module, CReferenceHost& host, json& document, const std::string& failure, bool asJson,
+              int exitCode)
+{
     host.FreeReleasedHandlers(module.FreeHandlerObject);
     document["handlersInUse"] = host.Registrations().size();
     document["failure"] = failure;
-    if (command.asJson)
+    if (asJson)
         std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
     if (!failure.empty())
         std::fprintf(stderr, "comtool: %s\n", failure.c_str());

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "host/call_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
@@ -25,5 +27,12 @@ constexpr int kExitBadInput = 2;
 // opened or a call failed; kExitBadInput for a call that couldn't be built.
 // The run stops at the first call that doesn't succeed.
 int RunCallCommand(CHandlerModule& module, CReferenceHost& host, const CallCommand& command);
+
+// The end of a run of calls or walks: the handlers the module made for
+// returned objects are the host's to free, and one still in use after
+// everything was given back is a leak. Prints the JSON document when asked and
+// the failure on stderr; gives exitCode back.
+int FinishRun(CHandlerModule& module, CReferenceHost& host, nlohmann::json& document, const std::string& failure,
+              bool asJson, int exitCode);
 
 }  // namespace Tool

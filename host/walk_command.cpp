@@ -246,15 +246,7 @@ private:
     {
         if (badInput && exitCode != 0)
             exitCode = kExitBadInput;
-        // Handlers made for returned objects and elements are the host's to free.
-        host.FreeReleasedHandlers(module.FreeHandlerObject);
-        document["handlersInUse"] = host.Registrations().size();
-        document["failure"] = failure;
-        if (command.asJson)
-            std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
-        if (!failure.empty())
-            std::fprintf(stderr, "comtool: %s\n", failure.c_str());
-        return exitCode;
+        return FinishRun(module, host, document, failure, command.asJson, exitCode);
     }
 
     CHandlerModule& module;
