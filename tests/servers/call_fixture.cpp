@@ -602,15 +602,28 @@ public:
 
     HRESULT STDMETHODCALLTYPE EchoDispatch(IDispatch* value, IDispatch** result) override
     {
+        return Echo(value, result);
+    }
+    HRESULT STDMETHODCALLTYPE RefDispatch(IDispatch** value) override { return Replace(value); }
+    HRESULT STDMETHODCALLTYPE OutDispatch(IDispatch** value) override { return CCallFixtureChild::Create(value); }
+    HRESULT STDMETHODCALLTYPE EchoUnknown(IUnknown* value, IUnknown** result) override { return Echo(value, result); }
+    HRESULT STDMETHODCALLTYPE RefUnknown(IUnknown** value) override { return Replace(value); }
+    HRESULT STDMETHODCALLTYPE OutUnknown(IUnknown** value) override { return CCallFixtureChild::Create(value); }
+
+private:
+    template <typename Object>
+    static HRESULT Echo(Object* value, Object** result)
+    {
         if (value)
             value->AddRef();
         *result = value;
         return S_OK;
     }
     // By the rules of [in,out]: the reference that came in is released, the new one goes out.
-    HRESULT STDMETHODCALLTYPE RefDispatch(IDispatch** value) override
+    template <typename Object>
+    static HRESULT Replace(Object** value)
     {
-        IDispatch* fresh = nullptr;
+        Object* fresh = nullptr;
         const HRESULT hr = CCallFixtureChild::Create(&fresh);
         if (FAILED(hr))
             return hr;
@@ -619,29 +632,7 @@ public:
         *value = fresh;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE OutDispatch(IDispatch** value) override { return CCallFixtureChild::Create(value); }
 
-    HRESULT STDMETHODCALLTYPE EchoUnknown(IUnknown* value, IUnknown** result) override
-    {
-        if (value)
-            value->AddRef();
-        *result = value;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE RefUnknown(IUnknown** value) override
-    {
-        IUnknown* fresh = nullptr;
-        const HRESULT hr = CCallFixtureChild::Create(&fresh);
-        if (FAILED(hr))
-            return hr;
-        if (*value)
-            (*value)->Release();
-        *value = fresh;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE OutUnknown(IUnknown** value) override { return CCallFixtureChild::Create(value); }
-
-private:
     void* QueryMore(REFIID iid) override
     {
         return IsEqualIID(iid, IID_ISupportErrorInfo) ? static_cast<ISupportErrorInfo*>(this) : nullptr;
