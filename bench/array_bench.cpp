@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "bench/fixture_session.h"
+#include "contract/handler_base.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
-#include "plugin/handler_base.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 using namespace MetaObj;
 

@@ -9,10 +9,10 @@
 #include <cwchar>
 #include <string>
 
+#include "contract/handler_base.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
 
 namespace {
 

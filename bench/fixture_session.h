@@ -7,9 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "contract/handler_base.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
-#include "plugin/handler_base.h"
 
 class CFixtureSession {
 public:

@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
+#include "contract/host_environment.h"
 #include "discovery/type_names.h"
-#include "plugin/host_environment.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 namespace MetaObj {
 

@@ -7,10 +7,10 @@
 
 #include <cstdint>
 
+#include "contract/handler_base.h"
 #include "discovery/type_library.h"
 #include "identity/object_identity.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
 
 namespace MetaObj {
 

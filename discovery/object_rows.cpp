@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "plugin/module_state.h"
+#include "platform/module_state.h"
 #include "resources/string_ids.h"
 
 namespace MetaObj {

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 namespace MetaObj {
 

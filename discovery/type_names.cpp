@@ -9,8 +9,8 @@
 #include <string>
 
 #include "identity/com_identity.h"
-#include "plugin/module_state.h"
-#include "plugin/platform_handles.h"
+#include "platform/module_state.h"
+#include "platform/platform_handles.h"
 #include "resources/string_ids.h"
 
 namespace MetaObj {

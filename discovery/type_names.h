@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "discovery/method_kind.h"
+#include "contract/method_kind.h"
 #include "metaobj/type_desc.h"
 #include "text/meta_string.h"
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "contract/handler_base.h"
 #include "host/call_line.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/item.h"
 #include "metaobj/type_desc.h"
-#include "plugin/handler_base.h"
 
 namespace Tool {
 

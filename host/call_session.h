@@ -6,11 +6,11 @@
 
 #include <string>
 
+#include "contract/handler_base.h"
 #include "host/call_items.h"
 #include "host/call_line.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
-#include "plugin/handler_base.h"
 
 namespace Tool {
 

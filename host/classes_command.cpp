@@ -7,7 +7,7 @@
 #include <cwctype>
 
 #include "host/tool_text.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 namespace Tool {
 

@@ -5,8 +5,8 @@
 
 #include <string>
 
+#include "contract/handler_base.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
 
 namespace Tool {
 

@@ -4,9 +4,9 @@
 #include <cctype>
 #include <utility>
 
+#include "contract/handler_base.h"
 #include "identity/object_identity.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "metaobj/records.h"
 #include "plugin/exports.h"
 
-#include "plugin/host_environment.h"
+#include "contract/host_environment.h"
 
 class CReferenceHost {
 public:

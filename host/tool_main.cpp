@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "contract/handler_base.h"
 #include "host/call_command.h"
 #include "host/call_session.h"
 #include "host/classes_command.h"
@@ -20,8 +21,7 @@
 #include "host/walk_command.h"
 #include "identity/com_identity.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
-#include "plugin/handler_info.h"
+#include "platform/handler_info.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "plugin/handler_base.h"
+#include "contract/handler_base.h"
 #include "text/meta_string.h"
 
 namespace Tool {

@@ -7,8 +7,8 @@
 
 #include "host/call_command.h"
 #include "host/call_line.h"
-#include "host/item_text.h"
 #include "host/call_session.h"
+#include "host/item_text.h"
 #include "host/tool_text.h"
 #include "host/walk_command.h"
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "contract/handler_base.h"
 #include "host/call_session.h"
 #include "host/module_loader.h"
 #include "host/reference_host.h"
-#include "plugin/handler_base.h"
 
 namespace Tool {
 

@@ -2,8 +2,8 @@
 
 #include <objbase.h>
 
-#include "plugin/module_state.h"
-#include "plugin/platform_handles.h"
+#include "platform/module_state.h"
+#include "platform/platform_handles.h"
 #include "resources/string_ids.h"
 #include "text/meta_string.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "identity/object_identity.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "text/meta_string.h"
 
 // Where a class lives, by the registry entry that names its server.

@@ -16,7 +16,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 using namespace MetaObj;
 

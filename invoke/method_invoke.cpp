@@ -12,8 +12,8 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
-#include "plugin/platform_handles.h"
-#include "plugin/module_state.h"
+#include "platform/module_state.h"
+#include "platform/platform_handles.h"
 #include "resources/string_ids.h"
 
 using namespace MetaObj;

@@ -8,11 +8,11 @@
 
 #include <cstdint>
 
-#include "discovery/method_kind.h"
+#include "contract/handler_base.h"
+#include "contract/method_kind.h"
+#include "contract/model_fwd.h"
 #include "metaobj/array_walker.h"
-#include "metaobj/model_fwd.h"
 #include "metaobj/type_desc.h"
-#include "plugin/handler_base.h"
 
 namespace MetaObj {
 class CMetaObjectStruct;
@@ -86,6 +86,12 @@ CMetaObjectItem* MakeItemForType(const CTypeDesc& type);
 void ElementIntoItem(VARIANT* element, CMetaObjectItem* item);
 // The GUID of the object's first type information.
 bool GetDispatchTypeGuid(IDispatch* dispatch, GUID* out);
+
+// Makes a registered handler with one use that holds object, taking over the
+// one reference handed in (none for null). Only the handler's layer above can
+// make one, so it hands its maker down when the module loads.
+using ObjectHandlerMaker = CMetaObjectHandler* (*)(IDispatch* object);
+void SetObjectHandlerMaker(ObjectHandlerMaker maker);
 
 // Gives the item a new handler that holds the object. The caller hands over
 // exactly one reference on object (none when it is null). identity, when not

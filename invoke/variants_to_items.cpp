@@ -16,8 +16,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
-#include "plugin/com_handler.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 
 using namespace MetaObj;
 
@@ -185,10 +184,18 @@ void SetScalar(const VARIANT& value, CMetaObjectItem* item)
 
 namespace MetaObj {
 
+namespace {
+ObjectHandlerMaker g_objectHandlerMaker = nullptr;
+}  // namespace
+
+void SetObjectHandlerMaker(ObjectHandlerMaker maker)
+{
+    g_objectHandlerMaker = maker;
+}
+
 void WrapObject(IDispatch* object, CMetaObjectObject& item, const CObjectIdentity* identity)
 {
-    CMetaObjectCOMHandler* handler = NewRegisteredHandler();
-    handler->AttachObject(object, nullptr);  // a null object leaves a handler that holds nothing
+    CMetaObjectHandler* handler = g_objectHandlerMaker(object);
     if (identity)
         handler->SetIdentity(*identity);
     item.SetHandler(handler);

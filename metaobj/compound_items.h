@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
+#include "contract/handler_base.h"
 #include "metaobj/array_walker.h"
 #include "metaobj/item.h"
-#include "plugin/handler_base.h"
 
 namespace MetaObj {
 

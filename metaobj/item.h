@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "metaobj/model_fwd.h"
+#include "contract/model_fwd.h"
 #include "metaobj/type_desc.h"
 #include "text/meta_string.h"
 #include "text/mox_data.h"

@@ -1,5 +1,9 @@
 #include "metaobj/server.h"
 
+#include <cstdint>
+
+#include "text/mox_data.h"
+
 namespace MetaObj {
 
 CMetaObjectServer::CMetaObjectServer() = default;
@@ -18,3 +22,16 @@ CMetaObjectServer::~CMetaObjectServer()
 }
 
 }  // namespace MetaObj
+
+// The framework's own statics, built after the info record and the empty
+// string (which have priorities) and kept for the life of the load. Nothing in
+// this module reads them.
+namespace {
+struct CMoxTextWithWord {
+    MetaObj::MoxText text;
+    std::uint32_t word = 0;
+};
+MetaObj::MoxText g_frameworkText;
+CMoxTextWithWord g_frameworkTextWithWord;
+MetaObj::CMetaObjectServer g_frameworkServer;
+}  // namespace

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <list>
 
+#include "contract/handler_base.h"
 #include "metaobj/records.h"
-#include "plugin/handler_base.h"
 
 namespace MetaObj {
 

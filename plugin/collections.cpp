@@ -13,9 +13,9 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
+#include "platform/error_text.h"
+#include "platform/platform_handles.h"
 #include "plugin/com_handler.h"
-#include "plugin/error_text.h"
-#include "plugin/platform_handles.h"
 
 using namespace MetaObj;
 

@@ -3,17 +3,17 @@
 #include <new>
 #include <string>
 
+#include "contract/host_environment.h"
 #include "discovery/catalogue.h"
 #include "discovery/object_rows.h"
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
 #include "invoke/method_invoke.h"
 #include "metaobj/records.h"
-#include "plugin/host_environment.h"
+#include "platform/error_text.h"
+#include "platform/module_state.h"
+#include "platform/platform_handles.h"
 #include "resources/string_ids.h"
-#include "plugin/error_text.h"
-#include "plugin/module_state.h"
-#include "plugin/platform_handles.h"
 
 using namespace MetaObj;
 
@@ -60,6 +60,18 @@ CMetaObjectCOMHandler* NewRegisteredHandler()
     HostRegisterHandler(handler, ModuleHandle());
     return handler;
 }
+
+namespace {
+MetaObj::CMetaObjectHandler* MakeObjectHandler(IDispatch* object)
+{
+    CMetaObjectCOMHandler* handler = NewRegisteredHandler();
+    handler->AttachObject(object, nullptr);  // a null object leaves a handler that holds nothing
+    return handler;
+}
+// The call layer wraps returned objects but sits below the handler, so the
+// handler hands it the way to make one when the module loads.
+[[maybe_unused]] const bool kObjectHandlerMakerSet = (MetaObj::SetObjectHandlerMaker(&MakeObjectHandler), true);
+}  // namespace
 
 CMetaObjectCOMHandler::CMetaObjectCOMHandler()
 {

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-#include "plugin/handler_base.h"
+#include "contract/handler_base.h"
 
 class CCOMIdentity;
 

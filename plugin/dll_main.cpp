@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "plugin/error_text.h"
+#include "platform/error_text.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID)
 {

@@ -4,9 +4,9 @@
 
 #include <objbase.h>
 
+#include "contract/host_environment.h"
+#include "platform/module_state.h"
 #include "plugin/com_handler.h"
-#include "plugin/host_environment.h"
-#include "plugin/module_state.h"
 
 extern "C" {
 

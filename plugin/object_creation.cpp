@@ -7,12 +7,12 @@
 
 #include <string>
 
+#include "contract/host_environment.h"
 #include "metaobj/records.h"
+#include "platform/error_text.h"
+#include "platform/module_state.h"
+#include "platform/platform_handles.h"
 #include "plugin/com_handler.h"
-#include "plugin/error_text.h"
-#include "plugin/host_environment.h"
-#include "plugin/module_state.h"
-#include "plugin/platform_handles.h"
 
 using namespace MetaObj;
 

@@ -5,8 +5,8 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include "contract/open_params.h"
 #include "identity/com_identity.h"
-#include "plugin/open_params.h"
 #include "text/meta_string.h"
 
 // CLSCTX_INPROC_SERVER | CLSCTX_INPROC_HANDLER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER

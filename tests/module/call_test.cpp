@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/module/call_harness.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/support/dispatch_call.h"

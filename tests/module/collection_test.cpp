@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/module/call_harness.h"
 #include "tests/servers/collection_fixture_values.h"
 #include "tests/support/dispatch_call.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "plugin/handler_base.h"
+#include "contract/handler_base.h"
 #include "tests/module/module_fixture.h"
 
 using namespace MetaObj;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin/open_params.h"
+#include "contract/open_params.h"
 #include "tests/module/call_harness.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/hostile_fixture_values.h"

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/module/stress_fixture.h"
 #include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <string>
 
+#include "contract/host_environment.h"
 #include "host/reference_host.h"
+#include "platform/handler_info.h"
 #include "plugin/com_handler.h"
-#include "plugin/handler_info.h"
-#include "plugin/host_environment.h"
 #include "tests/module/module_fixture.h"
 #include "tests/support/counting_dispatch.h"
 

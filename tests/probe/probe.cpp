@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "plugin/error_text.h"
+#include "platform/error_text.h"
 #include "tests/support/counting_new.h"
 
 extern "C" {

@@ -13,7 +13,7 @@
 #include <cwchar>
 #include <string>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"

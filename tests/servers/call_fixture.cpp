@@ -19,10 +19,10 @@
 #include <string>
 #include <utility>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
-#include "tests/servers/dual_dispatch.h"
 #include "tests/servers/call_fixture_values.h"
+#include "tests/servers/dual_dispatch.h"
 
 using MetaObj::Bstr;
 using MetaObj::ComPtr;

@@ -9,7 +9,7 @@
 #include <functional>
 #include <string>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/module/module_fixture.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/support/dispatch_call.h"

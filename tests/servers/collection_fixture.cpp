@@ -16,11 +16,11 @@
 #include <cwchar>
 #include <string>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
-#include "tests/servers/dual_dispatch.h"
 #include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/collection_fixture_values.h"
+#include "tests/servers/dual_dispatch.h"
 
 using MetaObj::ComPtr;
 using MetaObj::RegKey;

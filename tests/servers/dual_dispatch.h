@@ -5,7 +5,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
 
 // The side a client sees, and the virtual table side DispInvoke calls through.

@@ -14,7 +14,7 @@
 
 #include <string>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"

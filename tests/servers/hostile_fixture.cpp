@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/servers/dual_dispatch.h"
 #include "tests/servers/hostile_fixture_objects.h"
 #include "tests/servers/hostile_fixture_values.h"

@@ -17,8 +17,8 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
+#include "platform/platform_handles.h"
 #include "plugin/com_handler.h"
-#include "plugin/platform_handles.h"
 #include "tests/support/counting_dispatch.h"
 #include "tests/support/leak_check.h"
 

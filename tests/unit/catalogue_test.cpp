@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "contract/host_environment.h"
 #include "host/reference_host.h"
 #include "metaobj/records.h"
 #include "plugin/com_handler.h"
-#include "plugin/host_environment.h"
 #include "tests/support/counting_dispatch.h"
 #include "tests/support/leak_check.h"
 

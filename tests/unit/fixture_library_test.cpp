@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "host/reference_host.h"
+#include "contract/host_environment.h"
 #include "discovery/catalogue.h"
 #include "discovery/type_library.h"
+#include "host/reference_host.h"
 #include "identity/com_identity.h"
 #include "metaobj/records.h"
 #include "plugin/com_handler.h"
-#include "plugin/host_environment.h"
 #include "tests/support/registry_fixture.h"
 
 using namespace MetaObj;

@@ -23,7 +23,7 @@
 #include "identity/com_identity.h"
 #include "identity/object_identity.h"
 #include "metaobj/scalar_items.h"
-#include "plugin/platform_handles.h"
+#include "platform/platform_handles.h"
 #include "tests/support/leak_check.h"
 #include "tests/support/text_generator.h"
 #include "text/meta_string.h"

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/handler_info.h"
 #include "plugin/com_handler.h"
-#include "plugin/handler_info.h"
 #include "tests/support/slot_of.h"
 
 using MetaObj::CMetaObjectHandler;

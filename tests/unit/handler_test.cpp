@@ -4,9 +4,9 @@
 
 #include <vector>
 
+#include "platform/error_text.h"
+#include "platform/handler_info.h"
 #include "plugin/com_handler.h"
-#include "plugin/error_text.h"
-#include "plugin/handler_info.h"
 #include "tests/support/counting_dispatch.h"
 
 using MetaObj::MetaStatus;

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "contract/host_environment.h"
 #include "host/reference_host.h"
 #include "identity/object_identity.h"
 #include "metaobj/records.h"
-#include "plugin/host_environment.h"
 
 using namespace MetaObj;
 

@@ -5,8 +5,8 @@
 
 #include <objbase.h>
 
-#include "plugin/error_text.h"
-#include "plugin/module_state.h"
+#include "platform/error_text.h"
+#include "platform/module_state.h"
 
 int main(int argc, char** argv)
 {

@@ -1,4 +1,4 @@
-#include "plugin/handler_info.h"
+#include "platform/handler_info.h"
 
 #include <cstring>
 

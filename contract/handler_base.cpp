@@ -1,4 +1,4 @@
-#include "plugin/handler_base.h"
+#include "contract/handler_base.h"
 
 #include <new>
 

@@ -1,4 +1,4 @@
-#include "plugin/host_environment.h"
+#include "contract/host_environment.h"
 
 namespace MetaObj {
 namespace {

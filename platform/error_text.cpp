@@ -1,8 +1,8 @@
-#include "plugin/error_text.h"
+#include "platform/error_text.h"
 
 #include <new>
 
-#include "plugin/module_state.h"
+#include "platform/module_state.h"
 
 namespace MetaObj {
 namespace {

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <list>
 
-#include "discovery/method_kind.h"
+#include "contract/method_kind.h"
+#include "contract/model_fwd.h"
+#include "contract/open_params.h"
 #include "identity/object_identity.h"
-#include "metaobj/model_fwd.h"
-#include "plugin/open_params.h"
 #include "text/meta_string.h"
 
 namespace MetaObj {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "plugin/handler_info.h"
+#include "platform/handler_info.h"
 
 CCOMHandlerInfo& HandlerInfo();
 HINSTANCE ModuleHandle();
