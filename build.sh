@@ -26,22 +26,32 @@ install_missing() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends $missing
 }
 
+# configure_and_build DIR ARCH [TARGET...]: everything when no target is named.
 configure_and_build() {
     dir=$1 arch=$2
     shift 2
     if [ ! -f "$dir/build.ninja" ]; then
-        cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch-w64-mingw32.cmake" "$@"
+        cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch-w64-mingw32.cmake"
     fi
-    cmake --build "$dir"
+    if [ $# -gt 0 ]; then
+        cmake --build "$dir" --target "$@"
+    else
+        cmake --build "$dir"
+    fi
 }
 
 command=${1:-run}
 [ $# -gt 0 ] && shift
 
 install_missing
-configure_and_build build x86_64
-# Hosts are often 32-bit: that build must keep compiling, tests included.
-configure_and_build build-i686 i686
+if [ "$command" = run ]; then
+    # A first run wants the tool soon: the module and comtool only, x86_64.
+    configure_and_build build x86_64 comtool
+else
+    configure_and_build build x86_64
+    # Hosts are often 32-bit: that build must keep compiling, tests included.
+    configure_and_build build-i686 i686
+fi
 
 case "$command" in
     run)
