@@ -24,8 +24,6 @@ public:
         engine_.seed(sequence);
     }
 
-    std::mt19937& Engine() { return engine_; }
-
     // 0 to bound - 1; 0 for a bound of 0.
     std::size_t Below(std::size_t bound)
     {

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <string>
 
-#include "tests/support/slot_of.h"
 #include "text/mox_data.h"
 
 using namespace MetaObj;
@@ -188,31 +187,5 @@ TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
     EXPECT_EQ(FindTextNoCase(nullptr, "a"), nullptr);
 }
 
-#define TEXT_SLOT(op) SlotOf(&MoxText::op)
-
-TEST(MoxTextTest, OperationsAndFieldsKeepTheHostsOrder)
-{
-    using ReadAtFn = std::uint32_t (MoxData::*)(char*, std::uint32_t, std::uint32_t, std::uint32_t);
-    const std::ptrdiff_t slots[] = {
-        TEXT_SLOT(SetLength),   TEXT_SLOT(GetLength),     TEXT_SLOT(Reserve),         TEXT_SLOT(Detach),
-        TEXT_SLOT(Free),        TEXT_SLOT(Empty),         TEXT_SLOT(EqualsBytes),     TEXT_SLOT(Equals),
-        TEXT_SLOT(SetBytes),    TEXT_SLOT(Assign),        TEXT_SLOT(ReadAt),          TEXT_SLOT(Read),
-        TEXT_SLOT(CopyTo),      TEXT_SLOT(ReplaceNumber), TEXT_SLOT(ReplaceByte),     TEXT_SLOT(Replace),
-        TEXT_SLOT(ReplaceData), TEXT_SLOT(ReadPascalAt),  TEXT_SLOT(ReadPascal),      TEXT_SLOT(ReplaceText),
-        TEXT_SLOT(ReplaceAll),  TEXT_SLOT(ReplaceAllExact), TEXT_SLOT(ReplaceNth),    TEXT_SLOT(EqualsBytesCase),
-        TEXT_SLOT(EqualsCase),  TEXT_SLOT(MatchesHead),
-    };
-    std::ptrdiff_t expected = 2;  // after the destructor's two slots
-    for (std::ptrdiff_t slot : slots)
-        EXPECT_EQ(slot, expected++);
-    EXPECT_EQ(expected, 28);  // 27 entries, the destructor counted once
-    EXPECT_EQ(SlotOf(static_cast<ReadAtFn>(&MoxData::ReadAt)), SlotOf(static_cast<ReadAtFn>(&MoxText::ReadAt)));
-
-    MoxText text;
-    EXPECT_EQ(OffsetIn(text, text.data), static_cast<std::ptrdiff_t>(sizeof(void*)));
-    EXPECT_LT(OffsetIn(text, text.data), OffsetIn(text, text.length));
-    EXPECT_LT(OffsetIn(text, text.length), OffsetIn(text, text.capacity));
-    EXPECT_LT(OffsetIn(text, text.capacity), OffsetIn(text, text.isFixed));
-}
 
 }  // namespace

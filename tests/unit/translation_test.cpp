@@ -1,0 +1,666 @@
+// Items to VARIANTs and SAFEARRAYs and back, row by row, without a server: the
+// call object is made without an object, which these translations don't need.
+
+#include <gtest/gtest.h>
+
+#include <oleauto.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+#include "invoke/method_invoke.h"
+#include "invoke/variant_owner.h"
+#include "metaobj/compound_items.h"
+#include "metaobj/scalar_items.h"
+#include "platform/platform_handles.h"
+#include "plugin/com_handler.h"
+#include "tests/support/counting_dispatch.h"
+#include "tests/support/leak_check.h"
+
+using namespace MetaObj;
+
+namespace {
+
+// Clears before it deletes, as a host does: object items give their use back.
+struct ClearingDelete {
+    void operator()(CMetaObjectItem* item) const
+    {
+        CMetaObjectHandler* handler = nullptr;
+        if (auto* object = dynamic_cast<CMetaObjectObject*>(item))
+            handler = object->handler;
+        item->Clear();
+        delete item;
+        if (handler && handler->GetUseCount() == 0)
+            delete handler;
+    }
+};
+using ItemPtr = std::unique_ptr<CMetaObjectItem, ClearingDelete>;
+using Bounds = std::vector<std::pair<std::int32_t, std::int32_t>>;  // lower bound, count
+
+std::wstring Wide(const CMetaString& text)
+{
+    return text.IsEmpty() ? std::wstring() : std::wstring(text.GetWide());
+}
+
+std::wstring ValueOf(CMetaObjectItem* item)
+{
+    CMetaString out;
+    item->GetValue(out);
+    return Wide(out);
+}
+
+enum Kind { Int, Char, Real, Bool, Enum, Unknown, Text, Currency, Date };
+enum Flags { NullTag = 1, Optional = 2, Omitted = 4, OutOnly = 8 };
+
+// An item of a kind with a number or a text, typed by a signature.
+ItemPtr Make(Kind kind, double number, const wchar_t* signature, int byRef = 0, int flags = 0,
+             const wchar_t* text = L"")
+{
+    CMetaObjectItem* item = nullptr;
+    switch (kind) {
+    case Int: item = new CMetaObjectInt(static_cast<std::int32_t>(static_cast<long long>(number))); break;
+    case Char: item = new CMetaObjectChar(static_cast<wchar_t>(number)); break;
+    case Real: item = new CMetaObjectReal(number); break;
+    case Bool: item = new CMetaObjectBool(static_cast<unsigned char>(number)); break;
+    case Enum: item = new CMetaObjectEnum(static_cast<std::int32_t>(number)); break;
+    case Unknown: item = new CMetaObjectUnknown(static_cast<std::uint32_t>(number)); break;
+    case Text: item = new CMetaObjectString; break;
+    case Currency: item = new CMetaObjectCurrency; break;
+    case Date: item = new CMetaObjectDate; break;
+    }
+    if (auto* string = dynamic_cast<CMetaObjectString*>(item))
+        string->value = CMetaString(text);
+    if (kind == Enum || kind == Unknown)
+        item->GetTypeDesc().type = kind == Enum ? MetaTypeEnum : MetaTypeUnknown;
+    item->GetTypeDesc().signature = CMetaString(signature);
+    item->GetTypeDesc().isByRef = byRef;
+    if (flags & NullTag)
+        item->SetTagText(CMetaString(L"<@nullobject>"));
+    item->SetOptional((flags & Optional) != 0);
+    item->SetOmitted((flags & Omitted) != 0);
+    item->SetDirection(flags & OutOnly ? 1 : byRef ? 2 : 0);
+    return ItemPtr(item);
+}
+
+// What a VARIANT holds, or what its cell holds: whole numbers in decimal,
+// others as to_wstring writes them, texts as they are, a null BSTR as "(null)"
+// and a VARIANT cell as <its type:what it holds>.
+std::wstring Held(const VARIANT& v)
+{
+    const VARTYPE type = v.vt & ~VT_BYREF;
+    const void* at = (v.vt & VT_BYREF) ? v.byref : &v.llVal;
+    double n = 0;
+    switch (type) {
+    case VT_VARIANT: return L"<" + std::to_wstring(v.pvarVal->vt) + L":" + Held(*v.pvarVal) + L">";
+    case VT_BSTR: return *static_cast<const BSTR*>(at) ? *static_cast<const BSTR*>(at) : L"(null)";
+    case VT_EMPTY: case VT_NULL: case VT_DISPATCH: case VT_UNKNOWN: return L"";
+    case VT_I1: n = *static_cast<const signed char*>(at); break;
+    case VT_UI1: n = *static_cast<const unsigned char*>(at); break;
+    case VT_I2: case VT_BOOL: n = *static_cast<const SHORT*>(at); break;
+    case VT_UI2: n = *static_cast<const USHORT*>(at); break;
+    case VT_UI4: case VT_UINT: n = *static_cast<const ULONG*>(at); break;
+    case VT_R4: n = *static_cast<const float*>(at); break;
+    case VT_R8: case VT_DATE: n = *static_cast<const double*>(at); break;
+    case VT_I8: case VT_CY: n = static_cast<double>(*static_cast<const LONGLONG*>(at)); break;
+    default: n = *static_cast<const LONG*>(at); break;  // I4, INT, ERROR, and the word of VT_VOID
+    }
+    return n == std::floor(n) ? std::to_wstring(static_cast<long long>(n)) : std::to_wstring(n);
+}
+
+// A translated argument, released as the call releases it.
+struct Argument {
+    CCOMMethodInvoke call{nullptr, CMetaString(L"Invoke:Nothing")};
+    VARIANT value;
+    bool translated = false;
+    explicit Argument(CMetaObjectItem* item)
+    {
+        std::memset(&value, 0xCD, sizeof value);  // ItemToVariant must initialise it
+        translated = call.ItemToVariant(item, value);
+    }
+    ~Argument() { ReleaseArgument(value); }
+};
+
+CCOMMethodInvoke& Call()
+{
+    static CCOMMethodInvoke call(nullptr, 0, MethodKindInvoke);
+    return call;
+}
+
+TEST(ItemToVariantTest, ByValueAndByReferenceRows)
+{
+    const struct {
+        const char* name;
+        std::function<ItemPtr()> item;
+        VARTYPE vt;  // VT_ILLEGAL: refused
+        const wchar_t* held;
+    } rows[] = {
+        {"char as VT_I1", [] { return Make(Char, 0x1FF, L"VT_I1"); }, VT_I1, L"-1"},
+        {"int as VT_I2 keeps 16 bits", [] { return Make(Int, 0x12345, L"VT_I2"); }, VT_I2, L"9029"},
+        {"int as VT_UINT", [] { return Make(Int, -2, L"VT_UINT"); }, VT_UINT, L"4294967294"},
+        {"real as VT_R4", [] { return Make(Real, 2.5, L"VT_R4"); }, VT_R4, L"2.500000"},
+        {"bool 1 is true", [] { return Make(Bool, 1, L"VT_BOOL"); }, VT_BOOL, L"-1"},
+        {"bool 2 is false", [] { return Make(Bool, 2, L"VT_BOOL"); }, VT_BOOL, L"0"},
+        {"empty text is an empty BSTR", [] { return Make(Text, 0, L"VT_BSTR"); }, VT_BSTR, L""},
+        {"text to a VARIANT goes as VT_BSTR", [] { return Make(Text, 0, L"VT_VARIANT", 0, 0, L"hi"); }, VT_BSTR, L"hi"},
+        {"int to a VARIANT goes as itself", [] { return Make(Int, 9, L"VT_VARIANT"); }, VT_I4, L"9"},
+        {"currency by the system locale", [] { return Make(Currency, 0, L"VT_CY", 0, 0, L"12.5"); }, VT_CY, L"125000"},
+        {"a currency text that doesn't parse still goes", [] { return Make(Currency, 0, L"VT_CY", 0, 0, L"lots"); },
+         VT_CY, nullptr},
+        {"date loses its time of day", [] { return Make(Date, 0, L"VT_DATE", 0, 0, L"2024-01-02 13:00:00"); }, VT_DATE,
+         L"45293"},
+        {"user-defined without an enumeration", [] { return Make(Int, 5, L"VT_USERDEFINED"); }, VT_VOID, L"5"},
+        {"enumeration signed VT_BYREF goes as VT_I4", [] { return Make(Enum, 7, L"VT_BYREF"); }, VT_I4, L"7"},
+        {"a suffix has no by-value row", [] { return Make(Int, 1, L"VT_I4|VT_PTR"); }, VT_ILLEGAL, nullptr},
+        {"VT_I8 has no row", [] { return Make(Int, 1, L"VT_I8"); }, VT_ILLEGAL, nullptr},
+        {"float named as the host names it has no row", [] { return Make(Real, 1, L"VT_REAL"); }, VT_ILLEGAL, nullptr},
+        {"wrong item class for the row", [] { return Make(Text, 0, L"VT_I4", 0, 0, L"1"); }, VT_ILLEGAL, nullptr},
+        {"unknown goes as its word, never by reference", [] { return Make(Unknown, 0xBEEF, L"VT_I4|VT_PTR"); }, VT_I4,
+         L"48879"},
+        {"null object tag in small letters wins over the type", [] { return Make(Int, 3, L"VT_I4", 0, NullTag); },
+         VT_NULL, L""},
+        {"omitted optional wins over everything", [] { return Make(Int, 3, L"VT_I8", 0, Optional | Omitted); },
+         VT_ERROR, L"-2147352572"},
+        {"omitted but not optional goes by the table", [] { return Make(Int, 3, L"VT_I8", 0, Omitted); }, VT_ILLEGAL,
+         nullptr},
+        // By reference: cells.
+        {"byte cell", [] { return Make(Char, 'A', L"VT_UI1|VT_PTR", 1); }, VT_UI1 | VT_BYREF, L"65"},
+        {"long cell", [] { return Make(Int, -7, L"VT_I4|VT_PTR", 1); }, VT_I4 | VT_BYREF, L"-7"},
+        {"double cell", [] { return Make(Real, 0.25, L"VT_R8|VT_BYREF", 1); }, VT_R8 | VT_BYREF, L"0.250000"},
+        {"bool cell", [] { return Make(Bool, 1, L"VT_BOOL|VT_PTR", 1); }, VT_BOOL | VT_BYREF, L"-1"},
+        {"empty text gives a null BSTR in its cell", [] { return Make(Text, 0, L"VT_BSTR|VT_PTR", 1); },
+         VT_BSTR | VT_BYREF, L"(null)"},
+        {"text cell", [] { return Make(Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"abc"); }, VT_BSTR | VT_BYREF, L"abc"},
+        {"enumeration cell", [] { return Make(Enum, 2, L"VT_BYREF", 1); }, VT_I4 | VT_BYREF, L"2"},
+        {"an out-only text goes out empty", [] { return Make(Text, 0, L"VT_BSTR|VT_PTR", 1, OutOnly, L"stale"); },
+         VT_BSTR | VT_BYREF, L"(null)"},
+        {"an out-only variant goes out empty", [] { return Make(Text, 0, L"VT_VARIANT|VT_PTR", 1, OutOnly, L"stale"); },
+         VT_VARIANT | VT_BYREF, L"<0:>"},
+        {"variant cell holds text", [] { return Make(Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"x"); },
+         VT_VARIANT | VT_BYREF, L"<8:x>"},
+        {"date cell by the user's locale", [] { return Make(Date, 0, L"VT_DATE|VT_PTR", 1, 0, L"2024-01-02"); },
+         VT_DATE | VT_BYREF, L"45293"},
+        {"error cell", [] { return Make(Int, -2147467259.0, L"VT_ERROR|VT_PTR", 1); }, VT_ERROR | VT_BYREF,
+         L"-2147467259"},
+        {"a by-reference unknown has no cell to give", [] { return Make(Unknown, 1, L"VT_BYREF", 1); }, VT_ILLEGAL,
+         nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ItemPtr item = row.item();
+        Argument argument(item.get());
+        ASSERT_EQ(argument.translated, row.vt != VT_ILLEGAL);
+        if (!argument.translated)
+            continue;
+        EXPECT_EQ(argument.value.vt, row.vt);
+        if (row.held)
+            EXPECT_EQ(Held(argument.value), row.held);
+    }
+}
+
+// An object item with its own handler around a counting object.
+ItemPtr ObjectItem(CCountingDispatch& object, const wchar_t* signature, std::int32_t byRef = 0, int direction = 0)
+{
+    auto* item = new CMetaObjectObject;
+    object.AddRef();  // the handler's reference
+    WrapObject(&object, *item, nullptr);
+    item->GetTypeDesc().signature = CMetaString(signature);
+    item->GetTypeDesc().isByRef = byRef;
+    item->SetDirection(direction);
+    return ItemPtr(item);
+}
+
+TEST(ItemToVariantTest, ObjectsAreBorrowedByValueAndReferencedInCells)
+{
+    CCountingDispatch object;
+    for (const wchar_t* signature : {L"VT_BYREF", L"vt_byref"}) {  // a bare VT_BYREF is an object, in any case
+        ItemPtr item = ObjectItem(object, signature);
+        Argument argument(item.get());
+        ASSERT_TRUE(argument.translated);
+        EXPECT_EQ(argument.value.vt, VT_DISPATCH);
+        EXPECT_EQ(argument.value.pdispVal, &object);
+        EXPECT_EQ(object.References(), 2);  // creator and handler, nothing more
+    }
+    EXPECT_EQ(object.References(), 1);
+    {
+        ItemPtr item = ObjectItem(object, L"VT_DISPATCH|VT_PTR", 1, 2);
+        {
+            Argument argument(item.get());
+            EXPECT_EQ(argument.value.vt, VT_DISPATCH | VT_BYREF);
+            EXPECT_EQ(*argument.value.ppdispVal, &object);
+            EXPECT_EQ(object.References(), 3);  // the cell's own, for the callee to swap
+        }
+        EXPECT_EQ(object.References(), 2);
+        item->SetDirection(1);  // out-only goes out empty, so that the callee's new one can't leak ours
+        Argument out(item.get());
+        EXPECT_EQ(*out.value.ppdispVal, nullptr);
+    }
+    EXPECT_EQ(object.References(), 1);
+}
+
+TEST(VariantToItemTest, ResultsFollowTheVariantsOwnType)
+{
+    static std::int32_t target = 5;
+    const struct {
+        const char* name;
+        std::function<void(VARIANT&)> value;
+        const char* itemClass;
+        const wchar_t* shown;  // null: not looked at
+    } rows[] = {
+        {"null is an unknown, not nothing", [](VARIANT& v) { v.vt = VT_NULL; }, "Unknown", nullptr},
+        {"a by-reference result is an unknown holding the pointer",
+         [](VARIANT& v) { v.vt = VT_I4 | VT_BYREF; v.plVal = reinterpret_cast<LONG*>(&target); }, "Unknown", nullptr},
+        {"VT_I2 is sign-extended", [](VARIANT& v) { v.vt = VT_I2; v.iVal = -3; }, "Int", L"-3"},
+        {"VT_UI2 is read as 32 bits of a clean VARIANT", [](VARIANT& v) { v.vt = VT_UI2; v.uiVal = 0xFFFF; }, "Int",
+         L"65535"},
+        {"VT_I8 keeps its low half", [](VARIANT& v) { v.vt = VT_I8; v.llVal = 0x100000002LL; }, "Int", L"2"},
+        {"VT_I1 -1 is the char 255", [](VARIANT& v) { v.vt = VT_I1; v.cVal = -1; }, "Char", L"\xFF"},
+        {"VT_BOOL 1 is false", [](VARIANT& v) { v.vt = VT_BOOL; v.boolVal = 1; }, "Bool", L"false"},
+        {"VT_R4 is widened", [](VARIANT& v) { v.vt = VT_R4; v.fltVal = 0.5f; }, "Real", L"0.500000"},
+        {"VT_DECIMAL shows its nearest double", [](VARIANT& v) { VarDecFromR8(1.25, &v.decVal); v.vt = VT_DECIMAL; },
+         "Real", L"1.250000"},
+        {"null BSTR is an empty text", [](VARIANT& v) { v.vt = VT_BSTR; v.bstrVal = nullptr; }, "String", L""},
+        {"currency as text", [](VARIANT& v) { v.vt = VT_CY; v.cyVal.int64 = 125000; }, "Currency", L"12.5"},
+        {"a null object gives an item whose handler holds nothing", [](VARIANT& v) { v.vt = VT_DISPATCH; }, "Object",
+         L""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        CVariant value;
+        row.value(value.Get());
+        ItemPtr item(Call().VariantToItem(value.Get()));
+        ASSERT_NE(item, nullptr);
+        EXPECT_NE(std::string(typeid(*item).name()).find(std::string("CMetaObject") + row.itemClass), std::string::npos)
+            << typeid(*item).name();
+        if (row.shown)
+            EXPECT_EQ(ValueOf(item.get()), row.shown);
+    }
+    // A date comes without its time of day.
+    CVariant date;
+    date.Get().vt = VT_DATE;
+    date.Get().date = 45293.5;
+    ItemPtr item(Call().VariantToItem(date.Get()));
+    DATE back = 0;
+    Bstr text(SysAllocString(ValueOf(item.get()).c_str()));
+    ASSERT_EQ(VarDateFromStr(text.Get(), LOCALE_SYSTEM_DEFAULT, 0, &back), S_OK);
+    EXPECT_DOUBLE_EQ(back, 45293.0);
+    CVariant nothing;
+    nothing.Get().vt = VT_VOID;
+    EXPECT_EQ(Call().VariantToItem(nothing.Get()), nullptr);
+}
+
+TEST(VariantToItemTest, AReturnedObjectGetsAHandlerWithAReferenceOfItsOwn)
+{
+    CCountingDispatch object;
+    {
+        CVariant result;
+        result.Get().vt = VT_DISPATCH;
+        result.Get().pdispVal = &object;
+        object.AddRef();  // the VARIANT's own, cleared with it
+        ItemPtr item(Call().VariantToItem(result.Get()));
+        auto& wrapped = dynamic_cast<CMetaObjectObject&>(*item);
+        EXPECT_EQ(wrapped.handler->GetDispatchPointer(), &object);
+        EXPECT_EQ(wrapped.handler->GetUseCount(), 1u);
+        EXPECT_EQ(wrapped.GetNewObject(), 1);
+        EXPECT_EQ(object.References(), 3);
+        item.reset();  // the last use closes the object
+        EXPECT_EQ(object.References(), 2);
+    }
+    EXPECT_EQ(object.References(), 1);
+}
+
+TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
+{
+    const struct {
+        const char* name;
+        std::function<ItemPtr()> item;           // as it went out
+        std::function<void(VARIANT&)> changed;  // what the object did to the argument
+        bool written;
+        const wchar_t* shown;
+    } rows[] = {
+        {"VT_I1 -1 is 0xFFFF by reference", [] { return Make(Char, 'a', L"VT_I1|VT_PTR", 1); },
+         [](VARIANT& v) { *v.pcVal = -1; }, true, L"\xFFFF"},
+        {"VT_BOOL only 0xFFFF is true", [] { return Make(Bool, 1, L"VT_BOOL|VT_PTR", 1); },
+         [](VARIANT& v) { *v.pboolVal = 1; }, true, L"false"},
+        {"a BSTR the object left null is an empty text", [] { return Make(Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"before"); },
+         [](VARIANT& v) { SysFreeString(*v.pbstrVal); *v.pbstrVal = nullptr; }, true, L""},
+        {"a variant cell becomes text", [] { return Make(Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"in"); },
+         [](VARIANT& v) { VariantClear(v.pvarVal); v.pvarVal->vt = VT_I4; v.pvarVal->lVal = 42; }, true, L"42"},
+        {"a variant cell the object emptied gives an empty text",
+         [] { return Make(Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"in"); }, [](VARIANT& v) { VariantClear(v.pvarVal); },
+         true, L""},
+        {"enumeration by any signature", [] { return Make(Enum, 1, L"VT_BYREF", 1); }, [](VARIANT& v) { *v.plVal = 99; },
+         true, L"99"},
+        {"a signature without a row keeps the value", [] { return Make(Int, 4, L"VT_I8"); }, nullptr, false, L"4"},
+        {"an omitted by-reference argument has no cell to read",
+         [] { return Make(Int, 4, L"VT_I4|VT_PTR", 1, Optional | Omitted); }, nullptr, false, L"4"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ItemPtr item = row.item();
+        Argument argument(item.get());
+        if (row.changed)
+            row.changed(argument.value);
+        EXPECT_EQ(argument.call.VariantIntoItem(argument.value, item.get()), row.written);
+        EXPECT_EQ(ValueOf(item.get()), row.shown);
+    }
+}
+
+TEST(VariantIntoItemTest, AnObjectSwappedInACellPassesItsReferenceToANewHandler)
+{
+    CCountingDispatch before, after;
+    {
+        ItemPtr item = ObjectItem(before, L"VT_DISPATCH|VT_PTR", 1, 2);
+        CMetaObjectHandler* oldHandler = static_cast<CMetaObjectObject&>(*item).handler;
+        oldHandler->AddUse();  // kept alive to look at after the swap
+        {
+            Argument argument(item.get());
+            // What a callee does under COM's rules: release what came in, put its own there.
+            (*argument.value.ppdispVal)->Release();
+            after.AddRef();
+            *argument.value.ppdispVal = &after;
+            EXPECT_TRUE(argument.call.VariantIntoItem(argument.value, item.get()));
+        }
+        CMetaObjectHandler* newHandler = static_cast<CMetaObjectObject&>(*item).handler;
+        EXPECT_NE(newHandler, oldHandler);
+        EXPECT_EQ(newHandler->GetDispatchPointer(), &after);
+        EXPECT_EQ(after.References(), 2);
+        EXPECT_EQ(before.References(), 2);  // the old handler's is untouched
+        oldHandler->Release();
+        delete oldHandler;
+        EXPECT_EQ(before.References(), 1);
+    }
+    EXPECT_EQ(after.References(), 1);
+    // Left as it was, the object stays with the old handler and the cell's reference goes.
+    ItemPtr item = ObjectItem(before, L"VT_DISPATCH|VT_PTR", 1, 2);
+    CMetaObjectHandler* kept = static_cast<CMetaObjectObject&>(*item).handler;
+    {
+        Argument argument(item.get());
+        EXPECT_TRUE(argument.call.VariantIntoItem(argument.value, item.get()));
+    }
+    EXPECT_EQ(static_cast<CMetaObjectObject&>(*item).handler, kept);
+    EXPECT_EQ(before.References(), 2);
+}
+
+TEST(MakeItemForTypeTest, ClassFollowsTheType)
+{
+    const struct {
+        std::uint32_t type;
+        const wchar_t *signature, *typeName;
+        const char* expected;  // class name, or null for no item
+    } rows[] = {
+        {MetaTypeVoid, L"VT_VOID", L"", "CMetaObjectVoid"},       {MetaTypeInt, L"VT_I4", L"", "CMetaObjectInt"},
+        {MetaTypeDate, L"VT_DATE", L"", "CMetaObjectDate"},       {MetaTypeStruct, L"VT_RECORD", L"", "CMetaObjectStruct"},
+        {MetaTypeEnum, L"VT_BYREF", L"", "CMetaObjectEnum"},      {MetaTypeObject, L"VT_DISPATCH", L"", "CMetaObjectObject"},
+        {MetaTypeUnknown, L"VT_BYREF", L"", nullptr},             {MetaTypeInt, L"VT_I4", L"my array", "CMetaObjectArray"},
+        {MetaTypeInt, L"VT_I4|VT_ARRAY", L"Array of Integer", "CMetaObjectArray"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.expected ? row.expected : "none");
+        CTypeDesc type(row.type, 0, 0);
+        type.signature = CMetaString(row.signature);
+        type.typeName = CMetaString(row.typeName);
+        ItemPtr item(MakeItemForType(type));
+        ASSERT_EQ(item == nullptr, row.expected == nullptr);
+        if (!item)
+            continue;
+        EXPECT_NE(std::string(typeid(*item).name()).find(row.expected), std::string::npos) << typeid(*item).name();
+        EXPECT_EQ(Wide(item->GetTypeDesc().signature), row.signature);
+    }
+}
+
+// Arrays
+
+std::unique_ptr<CMetaObjectArray, ClearingDelete> MakeArray(const wchar_t* signature, const Bounds& bounds)
+{
+    std::unique_ptr<CMetaObjectArray, ClearingDelete> array(new CMetaObjectArray);
+    array->SetValue(CMetaString(signature));
+    CTypeDesc type;
+    type.signature = CMetaString(signature);
+    type.EnsureBounds();
+    for (const auto& bound : bounds)
+        type.bounds->Add(bound.first, bound.second);
+    array->InitElements(type);
+    return array;
+}
+
+Bounds BoundsOf(const CMetaObjectItem& item)
+{
+    Bounds bounds;
+    if (item.GetTypeDesc().bounds) {
+        for (const CArrayBound* bound : *item.GetTypeDesc().bounds)
+            bounds.emplace_back(bound->lowerBound, bound->elementCount);
+    }
+    return bounds;
+}
+
+TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
+{
+    const struct {
+        const wchar_t* signature;
+        std::function<ItemPtr()> element;
+        VARTYPE type;
+        const wchar_t* held;
+    } rows[] = {
+        {L"VT_I1|VT_ARRAY", [] { return Make(Char, 0x1FF, L""); }, VT_I1, L"-1"},
+        {L"VT_UI1|VT_ARRAY", [] { return Make(Char, 0x141, L""); }, VT_UI1, L"65"},
+        {L"VT_I2|VT_ARRAY", [] { return Make(Int, 0x12345, L""); }, VT_I2, L"9029"},
+        {L"VT_UI2|VT_ARRAY", [] { return Make(Int, -1, L""); }, VT_UI2, L"65535"},
+        {L"VT_I4|VT_ARRAY", [] { return Make(Int, -7, L""); }, VT_I4, L"-7"},
+        {L"VT_UI4|VT_ARRAY", [] { return Make(Int, -1, L""); }, VT_UI4, L"4294967295"},
+        {L"VT_ERROR|VT_ARRAY", [] { return Make(Int, E_FAIL, L""); }, VT_ERROR, L"-2147467259"},
+        {L"VT_I4|VT_ARRAY", [] { return Make(Enum, 3, L""); }, VT_I4, L"3"},
+        {L"VT_R4|VT_ARRAY", [] { return Make(Real, 1.5, L""); }, VT_R4, L"1.500000"},
+        {L"VT_R8|VT_ARRAY", [] { return Make(Real, 0.1, L""); }, VT_R8, L"0.100000"},
+        {L"VT_BOOL|VT_ARRAY", [] { return Make(Bool, 1, L""); }, VT_BOOL, L"-1"},
+        {L"VT_BOOL|VT_ARRAY", [] { return Make(Bool, 2, L""); }, VT_BOOL, L"0"},
+        {L"VT_BSTR|VT_ARRAY", [] { return Make(Text, 0, L"", 0, 0, L"h\u00e4j"); }, VT_BSTR, L"h\u00e4j"},
+        {L"VT_VARIANT|VT_ARRAY", [] { return Make(Text, 0, L"", 0, 0, L"12"); }, VT_VARIANT, L"<8:12>"},
+        {L"VT_VARIANT|VT_ARRAY", [] { return Make(Int, 5, L""); }, VT_VARIANT, L"<3:5>"},
+        {L"VT_CY|VT_ARRAY", [] { return Make(Currency, 0, L"", 0, 0, L"12.5"); }, VT_CY, L"125000"},
+        {L"VT_CY|VT_ARRAY", [] { return Make(Currency, 0, L"", 0, 0, L"twelve"); }, VT_CY, L"0"},  // stays 0
+        {L"VT_DATE|VT_ARRAY", [] { return Make(Date, 0, L"", 0, 0, L"1/2/2020 6:00:00 AM"); }, VT_DATE,
+         L"43832.250000"},  // keeps its time
+        {L"VT_I4|VT_ARRAY", [] { return Make(Text, 0, L"", 0, 0, L"9"); }, VT_I4, L"0"},  // wrong class: the default
+        {L"VT_I8|VT_ARRAY", [] { return Make(Int, 9, L""); }, VT_I8, L"0"},              // no row: the default
+        {L"VT_I2", [] { return Make(Int, 4, L""); }, VT_I2, L"4"},                       // without |VT_ARRAY
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::Message() << "row " << (&row - rows));
+        auto array = MakeArray(row.signature, {{0, 1}});
+        array->elements[0] = row.element().release();
+        CVariant out;
+        ASSERT_TRUE(Call().ArrayItemToVariant(array.get(), out.Get()));
+        ASSERT_EQ(out.Get().vt, VT_ARRAY | row.type);
+        CVariant element;
+        LONG index = 0;
+        // A cell of the element's type, read as a by-reference VARIANT would hold it.
+        VARIANT cell{};
+        ASSERT_EQ(SafeArrayGetElement(out.Get().parray, &index, row.type == VT_VARIANT ? static_cast<void*>(&element.Get())
+                                                                                       : &element.Get().llVal), S_OK);
+        cell.vt = row.type | VT_BYREF;
+        cell.byref = row.type == VT_VARIANT ? static_cast<void*>(&element.Get()) : &element.Get().llVal;
+        EXPECT_EQ(Held(cell), row.held);
+        if (row.type == VT_BSTR)
+            element.Get().vt = VT_BSTR;  // freed with the VARIANT
+    }
+}
+
+TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
+{
+    const struct {
+        VARTYPE type;
+        std::function<void(VARIANT&)> value;  // the element; for VT_VARIANT the VARIANT itself
+        const char* itemClass;
+        const wchar_t* shown;
+    } rows[] = {
+        {VT_I1, [](VARIANT& v) { v.cVal = -1; }, "Char", L"\xFFFF"},  // sign-extended
+        {VT_UI1, [](VARIANT& v) { v.bVal = 0xFF; }, "Char", L"\xFF"},
+        {VT_I2, [](VARIANT& v) { v.iVal = -2; }, "Int", L"-2"},
+        {VT_UI2, [](VARIANT& v) { v.uiVal = 0xFFFF; }, "Int", L"65535"},
+        {VT_UI4, [](VARIANT& v) { v.ulVal = 0xFFFFFFFF; }, "Int", L"-1"},
+        {VT_ERROR, [](VARIANT& v) { v.scode = E_FAIL; }, "Int", L"-2147467259"},
+        {VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }, "Real", L"1.500000"},
+        {VT_R8, [](VARIANT& v) { v.dblVal = 0.1; }, "Real", L"0.100000"},
+        {VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }, "Bool", L"true"},
+        {VT_BSTR, [](VARIANT& v) { v.bstrVal = SysAllocString(L"text"); }, "String", L"text"},
+        {VT_CY, [](VARIANT& v) { v.cyVal.int64 = 125000; }, "Currency", L"12.5"},
+        {VT_VARIANT, [](VARIANT& v) { v.vt = VT_I4; v.lVal = 8; }, "Int", L"8"},
+        {VT_VARIANT, [](VARIANT& v) { v.vt = VT_BSTR; v.bstrVal = SysAllocString(L"in"); }, "String", L"in"},
+        // An empty VARIANT is what the call makes of an empty result anywhere.
+        {VT_VARIANT, [](VARIANT&) {}, "Void", L""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::Message() << "type " << row.type << " " << row.itemClass);
+        SAFEARRAYBOUND bound{1, 0};
+        SafeArray array(SafeArrayCreate(row.type, 1, &bound));
+        CVariant element;
+        row.value(element.Get());
+        LONG index = 0;
+        SafeArrayPutElement(array.Get(), &index,
+                            row.type == VT_VARIANT ? static_cast<void*>(&element.Get())
+                            : row.type == VT_BSTR  ? static_cast<void*>(element.Get().bstrVal)
+                                                   : &element.Get().lVal);
+        if (row.type == VT_BSTR)
+            element.Get().vt = VT_BSTR;  // the text the row made goes with the VARIANT
+        CVariant value;
+        value.Get().vt = VT_ARRAY | row.type;
+        value.Get().parray = array.Release();
+        ItemPtr item(Call().VariantToItem(value.Get()));
+        auto* read = dynamic_cast<CMetaObjectArray*>(item.get());
+        ASSERT_NE(read, nullptr);
+        ASSERT_EQ(read->elementCount, 1);
+        CVariant empty;
+        if (row.type == VT_VARIANT && element.Get().vt == VT_EMPTY) {
+            ItemPtr expected(Call().VariantToItem(empty.Get()));
+            ASSERT_EQ(read->elements[0] == nullptr, expected == nullptr);
+            continue;
+        }
+        EXPECT_NE(std::string(typeid(*read->elements[0]).name()).find(row.itemClass), std::string::npos);
+        EXPECT_EQ(ValueOf(read->elements[0]), row.shown);
+    }
+}
+
+// Elements are numbered by their position in the walk, so the check below also
+// proves the order: the last dimension moves fastest.
+TEST(ArrayTranslationTest, ShapesAndBoundsSurviveBothWays)
+{
+    const Bounds shapes[] = {{{0, 5}}, {{0, 2}, {0, 3}}, {{0, 2}, {0, 2}, {0, 2}}, {{-1, 2}, {0, 3}, {5, 2}},
+                             {{7, 1}}, {{0, 2}, {0, 0}}};
+    for (const Bounds& shape : shapes) {
+        SCOPED_TRACE(::testing::Message() << "shape " << (&shape - shapes));
+        auto array = MakeArray(L"VT_I4|VT_ARRAY", shape);
+        for (std::int32_t at = 0; at < array->elementCount; ++at)
+            array->elements[at] = new CMetaObjectInt(at * 10);
+        CVariant out;
+        ASSERT_TRUE(Call().ArrayItemToVariant(array.get(), out.Get()));
+        SAFEARRAY* made = out.Get().parray;
+        ASSERT_EQ(SafeArrayGetDim(made), shape.size());
+        std::int32_t lower[kMaxArrayDimensions], upper[kMaxArrayDimensions], current[kMaxArrayDimensions];
+        CMetaObjectArray seen;
+        seen.GetTypeDesc().EnsureBounds();
+        ReadArrayBounds(made, SafeArrayGetDim(made), seen.GetTypeDesc(), lower, upper);
+        EXPECT_EQ(BoundsOf(seen), shape);
+        CArrayWalker walker(SafeArrayGetDim(made), lower, upper, current);
+        for (walker.Start(); array->elementCount > 0 && !walker.IsFinished(); walker.Advance()) {
+            LONG value = -1;
+            EXPECT_EQ(SafeArrayGetElement(made, reinterpret_cast<LONG*>(current), &value), S_OK);
+            EXPECT_EQ(value, static_cast<LONG>(walker.position) * 10);
+        }
+        ItemPtr back(Call().VariantToItem(out.Get()));
+        auto& read = dynamic_cast<CMetaObjectArray&>(*back);
+        EXPECT_EQ(BoundsOf(read), shape);
+        ASSERT_EQ(read.elementCount, array->elementCount);
+        EXPECT_EQ(read.elements == nullptr, array->elementCount == 0);
+        for (std::int32_t at = 0; at < read.elementCount; ++at)
+            EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*read.elements[at]).value, at * 10) << "position " << at;
+    }
+}
+
+TEST(ArrayTranslationTest, ShapesThatCantBeTranslatedAreRefused)
+{
+    SAFEARRAY none{};  // a descriptor of no dimensions, as no platform call makes one
+    none.cbElements = 4;
+    VARIANT value;
+    value.vt = VT_ARRAY | VT_I4;
+    value.parray = &none;
+    EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);
+    SAFEARRAY* huge = nullptr;  // elements beyond 32 bits, no data behind them: refused before any read
+    ASSERT_EQ(SafeArrayAllocDescriptor(2, &huge), S_OK);
+    huge->cbElements = 4;
+    huge->rgsabound[0].cElements = huge->rgsabound[1].cElements = 0x10000;
+    value.parray = huge;
+    EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);
+    SafeArrayDestroyDescriptor(huge);
+    std::vector<SAFEARRAYBOUND> many(101, SAFEARRAYBOUND{1, 0});
+    SafeArray deep(SafeArrayCreate(VT_I4, 101, many.data()));
+    if (deep) {
+        value.parray = deep.Get();
+        EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);  // more than 100 dimensions
+    }
+    const struct {
+        const char* name;
+        Bounds bounds;
+        const wchar_t* signature;
+    } refusedOut[] = {
+        {"101 dimensions", Bounds(101, {0, 1}), L"VT_I4|VT_ARRAY"},
+        {"65536 dimensions", Bounds(65536, {0, 1}), L"VT_I4|VT_ARRAY"},
+        {"count that overflows", {{0, 0x10000}, {0, 0x10000}}, L"VT_I4|VT_ARRAY"},
+        {"count left open", {{0, -1}}, L"VT_I4|VT_ARRAY"},
+        {"by-reference element", {{0, 1}}, L"VT_I4|VT_PTR|VT_ARRAY"},
+        {"no signature", {{0, 1}}, L""},
+    };
+    for (const auto& row : refusedOut) {
+        SCOPED_TRACE(row.name);
+        std::unique_ptr<CMetaObjectArray, ClearingDelete> array(new CMetaObjectArray);
+        array->SetValue(CMetaString(row.signature));
+        array->GetTypeDesc().EnsureBounds();
+        for (const auto& bound : row.bounds)
+            array->GetTypeDesc().bounds->Add(bound.first, bound.second);
+        VARIANT out;
+        out.vt = 0xBEEF;
+        EXPECT_FALSE(Call().ArrayItemToVariant(array.get(), out));
+        EXPECT_EQ(out.vt, 0xBEEF);
+    }
+}
+
+TEST(TranslationLeakTest, RoundsOfNestedInOutArraysAndCellsLeaveNoBlockBehind)
+{
+    ExpectNoBlocksLeft([] {
+        for (int round = 0; round < 3; ++round) {
+            ItemPtr text = Make(Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"abc");
+            Argument argument(text.get());
+            argument.call.VariantIntoItem(argument.value, text.get());
+            ItemPtr variant = Make(Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"v");
+            Argument cell(variant.get());
+            argument.call.VariantIntoItem(cell.value, variant.get());
+
+            // A nested VARIANT array out and back, then in/out over the array that went out.
+            auto inner = MakeArray(L"VT_BSTR|VT_ARRAY", {{1, 2}});
+            inner->elements[1] = Make(Text, 0, L"", 0, 0, L"b").release();
+            auto outer = MakeArray(L"VT_VARIANT|VT_ARRAY", {{-1, 2}, {0, 2}});
+            outer->elements[0] = inner.release();
+            outer->elements[3] = new CMetaObjectInt(1);
+            CVariant out;
+            ASSERT_TRUE(Call().ArrayItemToVariant(outer.get(), out.Get()));
+            ItemPtr back(Call().VariantToItem(out.Get()));
+            auto& nested = dynamic_cast<CMetaObjectArray&>(*dynamic_cast<CMetaObjectArray&>(*back).elements[0]);
+            EXPECT_EQ(BoundsOf(nested), (Bounds{{1, 2}}));
+            EXPECT_EQ(ValueOf(nested.elements[1]), L"b");
+            outer->SetValue(CMetaString(L"VT_VARIANT|VT_ARRAY|VT_PTR"));
+            outer->SetDirection(2);
+            VARIANT inOut;
+            VariantInit(&inOut);
+            ASSERT_TRUE(Call().ItemToVariant(outer.get(), inOut));
+            EXPECT_TRUE(Call().VariantIntoItem(inOut, outer.get()));
+            ReleaseArgument(inOut);
+            EXPECT_EQ(BoundsOf(*outer), (Bounds{{-1, 2}, {0, 2}}));
+        }
+    });
+}
+
+}  // namespace
