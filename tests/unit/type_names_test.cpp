@@ -206,39 +206,6 @@ TEST_F(TypeDescShapesTest, PlainPointerAndArrayTypes)
     EXPECT_EQ(out.type, MetaTypeObject);
 }
 
-// The dictionary's CompareMode property returns the enumeration CompareMethod.
-TEST_F(TypeDescShapesTest, EnumerationsAreFollowedThroughTheirReference)
-{
-    TYPEATTR* attributes = nullptr;
-    ASSERT_TRUE(SUCCEEDED(dictionary->GetTypeAttr(&attributes)));
-    const WORD functions = attributes->cFuncs;
-    dictionary->ReleaseTypeAttr(attributes);
-    bool seen = false;
-    for (WORD index = 0; index < functions && !seen; ++index) {
-        FUNCDESC* function = nullptr;
-        ASSERT_TRUE(SUCCEEDED(dictionary->GetFuncDesc(index, &function)));
-        BSTR name = nullptr;
-        UINT count = 0;
-        dictionary->GetNames(function->memid, &name, 1, &count);
-        if (function->invkind == INVOKE_PROPERTYGET && name && std::wstring(name) == L"CompareMode") {
-            seen = true;
-            CTypeDesc out;
-            EXPECT_TRUE(BuildTypeDesc(out, dictionary.Get(), &function->lprgelemdescParam[0].tdesc));
-            EXPECT_EQ(out.type, MetaTypeEnum);
-            EXPECT_EQ(out.isByRef, 1);
-            EXPECT_EQ(Text(out.typeName), L"CompareMethod");
-            EXPECT_EQ(Text(out.signature), L"VT_BYREF|VT_PTR");
-            ASSERT_NE(out.enumValues, nullptr);
-            ASSERT_GE(out.enumValues->size(), 3u);
-            EXPECT_EQ(Text(out.enumValues->front()->name), L"BinaryCompare");
-            EXPECT_EQ(out.enumValues->back()->value, static_cast<std::int32_t>(out.enumValues->size()) - 1);
-        }
-        SysFreeString(name);
-        dictionary->ReleaseFuncDesc(function);
-    }
-    EXPECT_TRUE(seen);
-}
-
 // Types that refer to each other in a circle, as a type library may make them:
 // an alias of itself, and two structs that hold each other. Built in memory
 // through ICreateTypeLib2, since no compiler writes them.
