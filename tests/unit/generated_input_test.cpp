@@ -423,48 +423,6 @@ void MutatedSignatures(TextGenerator& gen)
     ExpectNoBlocksLeft([&] { EXPECT_EQ(VarTypeFromSignature(text.c_str()), expected); });
 }
 
-struct TypeWordRow {
-    const char* word;
-    const wchar_t* signature;
-    VARTYPE readBack;  // VT_VOID where the signature is a word of the host's direction only
-};
-
-constexpr TypeWordRow kTypeWords[] = {
-    {"INT", L"VT_I4", VT_I4},           {"FLOAT", L"VT_REAL", VT_VOID},         {"TEXT", L"VT_BSTR", VT_BSTR},
-    {"BOOL", L"VT_BOOL", VT_BOOL},      {"CHAR", L"VT_UI1", VT_UI1},            {"STRUCTURE", L"VT_USERDEFINED", VT_VOID},
-    {"CURRENCY", L"VT_CY", VT_CY},      {"DATE", L"VT_DATE", VT_DATE},          {"ENUMERATION", L"VT_USERDEFINED", VT_VOID},
-    {"OBJECT", L"VT_BYREF", VT_DISPATCH},
-};
-
-// Type words in any case map, and read back where their signature has a row.
-void TypeWords(TextGenerator& gen)
-{
-    std::string word = RandomCase(gen, gen.Pick(kTypeWords).word);
-    if (gen.OneIn(2))
-        word = gen.Mutate(word, std::string("_ 1ILNTx"));
-    if (gen.OneIn(20))
-        word.append(gen.Between(50, 200), 'T');
-    const bool byRef = gen.OneIn(2);
-    SCOPED_TRACE(Printable(word) + (byRef ? " by reference" : ""));
-    const std::string cut(word.c_str());
-    const TypeWordRow* expected = nullptr;
-    for (const TypeWordRow& row : kTypeWords) {
-        if (_stricmp(cut.c_str(), row.word) == 0)
-            expected = &row;
-    }
-    ExpectNoBlocksLeft([&] {
-        CMetaString signature(kUntouched);
-        ASSERT_EQ(SignatureOfTypeWord(CMetaString(cut.c_str()), signature, byRef), expected != nullptr);
-        if (!expected) {
-            EXPECT_EQ(Wide(signature), kUntouched);
-            return;
-        }
-        EXPECT_EQ(Wide(signature), std::wstring(expected->signature) + (byRef ? L"|VT_BYREF" : L""));
-        const VARTYPE flag = byRef && expected->readBack != VT_VOID ? VT_BYREF : 0;
-        EXPECT_EQ(VarTypeFromSignature(signature.GetWide()), expected->readBack | flag);
-    });
-}
-
 // Method keys
 
 constexpr const wchar_t* kKindPrefixes[] = {L"Invoke:", L"Get:", L"Set:", L"Setref:"};
@@ -527,28 +485,6 @@ void MethodKeys(TextGenerator& gen)
         if (key.compare(0, colon + 1, kKindPrefixes[kind]) == 0) {
             EXPECT_EQ(Wide(made), key);
         }
-    });
-}
-
-// Accessor names are prefixed once.
-void AccessorNames(TextGenerator& gen)
-{
-    static const wchar_t* const kHeads[] = {L"", L"get", L"Set", L"is", L"Is", L"GE", L"i"};
-    const std::wstring name = gen.Pick(kHeads) + RandomMemberName(gen);
-    const MethodKind kind = static_cast<MethodKind>(gen.Below(4));
-    const bool isBool = gen.OneIn(2);
-    SCOPED_TRACE(Printable(name) + " kind " + std::to_string(kind) + (isBool ? " bool" : ""));
-    ExpectNoBlocksLeft([&] {
-        CMetaString once(name.c_str());
-        PrefixPropertyName(kind, isBool, once);
-        const std::wstring shown = Wide(once);
-        ASSERT_GE(shown.size(), name.size());
-        EXPECT_EQ(shown.substr(shown.size() - name.size()), name);
-        const std::wstring added = shown.substr(0, shown.size() - name.size());
-        EXPECT_TRUE(added.empty() || added == L"get" || added == L"set" || added == L"is") << Printable(added);
-        CMetaString twice(once);
-        PrefixPropertyName(kind, isBool, twice);
-        EXPECT_EQ(Wide(twice), shown);
     });
 }
 
@@ -670,8 +606,8 @@ struct Property {
 const Property kProperties[] = {
     {"IdentityTexts", 1101, 4000, IdentityTexts},      {"ClassNames", 1103, 1600, ClassNames},
     {"MadeTags", 2101, 2000, MadeTags},                {"MutatedTags", 2103, 3400, MutatedTags},          {"TypeChains", 3101, 1500, TypeChains},
-    {"MutatedSignatures", 3102, 2500, MutatedSignatures}, {"TypeWords", 3103, 1500, TypeWords},
-    {"MethodKeys", 4101, 4000, MethodKeys},            {"AccessorNames", 4103, 1500, AccessorNames},
+    {"MutatedSignatures", 3102, 4000, MutatedSignatures},
+    {"MethodKeys", 4101, 5500, MethodKeys},
     {"MoxTextFormats", 5101, 2100, MoxTextFormats},
 };
 

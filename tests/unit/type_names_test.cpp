@@ -61,15 +61,29 @@ TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
 
 TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
 {
+    // Type words in any case; the signature reads back where it has a row.
+    const struct {
+        const wchar_t* word;
+        bool byRef;
+        const wchar_t* signature;  // null: refused
+        VARTYPE readBack;
+    } words[] = {
+        {L"int", true, L"VT_I4|VT_BYREF", VT_I4 | VT_BYREF},     {L"Float", false, L"VT_REAL", VT_VOID},
+        {L"TEXT", false, L"VT_BSTR", VT_BSTR},                   {L"bool", true, L"VT_BOOL|VT_BYREF", VT_BOOL | VT_BYREF},
+        {L"Char", false, L"VT_UI1", VT_UI1},                     {L"structure", false, L"VT_USERDEFINED", VT_VOID},
+        {L"CURRENCY", false, L"VT_CY", VT_CY},                   {L"date", false, L"VT_DATE", VT_DATE},
+        {L"Enumeration", true, L"VT_USERDEFINED|VT_BYREF", VT_VOID}, {L"object", false, L"VT_BYREF", VT_DISPATCH},
+        {L"object", true, L"VT_BYREF|VT_BYREF", VT_DISPATCH | VT_BYREF}, {L"Real", false, nullptr, VT_VOID},
+        {L"INTEGER", false, nullptr, VT_VOID},                   {L"", false, nullptr, VT_VOID},
+    };
     CMetaObjectCOMHandler handler;
-    CMetaString signature(L"untouched");
-    EXPECT_EQ(handler.GetTypeSignature(L"int", signature, true), MetaStatusOk);
-    EXPECT_EQ(Text(signature), L"VT_I4|VT_BYREF");
-    EXPECT_EQ(handler.GetTypeSignature(L"Enumeration", signature, false), MetaStatusOk);
-    EXPECT_EQ(Text(signature), L"VT_USERDEFINED");
-    EXPECT_EQ(handler.GetTypeSignature(L"Real", signature, false), MetaStatusBadType);
-    EXPECT_EQ(Text(signature), L"VT_USERDEFINED");
-
+    for (const auto& row : words) {
+        SCOPED_TRACE(CMetaString(row.word).GetNarrow() ? CMetaString(row.word).GetNarrow() : "");
+        CMetaString signature(L"untouched");
+        EXPECT_EQ(handler.GetTypeSignature(row.word, signature, row.byRef), row.signature ? MetaStatusOk : MetaStatusBadType);
+        EXPECT_EQ(Text(signature), row.signature ? row.signature : L"untouched");
+        EXPECT_EQ(VarTypeFromSignature(signature.GetWide()), row.readBack);
+    }
     struct Row {
         const wchar_t* key;
         MethodKind kind;
