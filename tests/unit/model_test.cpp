@@ -253,32 +253,6 @@ TEST(ItemTest, ArraysAreSizedByTheProductOfTheirBoundsAndKeepTheirSlots)
     EXPECT_EQ(array->GetTypeDesc().GetDimensionCount(), 2);  // Clear keeps the type
 }
 
-TEST(ItemTest, WalkerVisitsTheLastDimensionFastestAndTheLastElementOnce)
-{
-    const struct {
-        std::vector<std::int32_t> lower, upper;
-        std::vector<std::vector<std::int32_t>> visits;  // in order; the position is the index
-    } rows[] = {
-        {{5}, {7}, {{5}, {6}, {7}}},
-        {{0, 0}, {1, 2}, {{0, 0}, {0, 1}, {0, 2}, {1, 0}, {1, 1}, {1, 2}}},
-        {{3}, {3}, {{3}}},
-        {{0}, {-1}, {{0}}},  // an empty dimension still makes one pass; callers look at the count first
-        {{}, {}, {{}}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
-        std::vector<std::int32_t> lower = row.lower, upper = row.upper, current(row.lower.size(), 99);
-        CArrayWalker walker(static_cast<std::uint32_t>(lower.size()), lower.data(), upper.data(), current.data());
-        std::vector<std::vector<std::int32_t>> visits;
-        for (walker.Start(); !walker.IsFinished() && visits.size() < 10; walker.Advance()) {
-            EXPECT_EQ(walker.position, visits.size());
-            visits.push_back(current);
-        }
-        EXPECT_EQ(visits, row.visits);
-        EXPECT_TRUE(walker.IsFinished());
-    }
-}
-
 // A handler whose AddUse can be told to refuse, as a closing host might.
 class RefusingHandler : public CMetaObjectCOMHandler {
 public:
