@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "contract/host_environment.h"
-#include "discovery/catalogue.h"
 #include "discovery/type_library.h"
 #include "host/reference_host.h"
 #include "identity/com_identity.h"
@@ -164,29 +163,6 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
     EXPECT_EQ(Narrow(holder->type.structBody->members.back()->memberName), "weight");
 }
 
-// A library stores each name once, whatever its case, so "Release" and
-// "release" can't both stand in one: the filter is shown here by itself.
-TEST(CallableMemberTest, FlagsAndExactNamesOfThePlumbing)
-{
-    struct Row {
-        WORD flags;
-        const wchar_t* name;
-        bool callable;
-    };
-    const Row rows[] = {
-        {0, L"Release", false},          {0, L"release", true},        {0, L"_NewEnum", false},
-        {0, L"_newenum", true},          {0, L"GetTypeInfoCount", false}, {0, L"Invoke", false},
-        {FUNCFLAG_FHIDDEN, L"Show", false}, {FUNCFLAG_FRESTRICTED, L"Show", false},
-        {FUNCFLAG_FBINDABLE, L"Show", true}, {0, nullptr, false},
-    };
-    for (const Row& row : rows) {
-        FUNCDESC function = {};
-        function.wFuncFlags = row.flags;
-        EXPECT_EQ(IsCallableMember(function, row.name), row.callable)
-            << (row.name ? CMetaString(row.name).GetNarrow() : "null") << " " << row.flags;
-    }
-}
-
 }  // namespace
 
 namespace {
@@ -248,12 +224,11 @@ namespace {
 // The fixture library is version 1.0, so the pick must be "1.0" to load.
 TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
 {
-    struct Row {
+    const struct {
         const char* label;
         std::vector<std::pair<std::string, bool>> versions;  // name, holds the real file
         bool loads;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"0.63 is 0.99", {{"1.0", true}, {"0.63", false}}, true},
         {"0.ff is 2.55", {{"1.0", true}, {"0.ff", false}}, false},
         {"0.a is 0.10", {{"0.a", false}, {"1.0", true}}, true},
@@ -261,7 +236,7 @@ TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
         {"only 0.0", {{"0.0", true}}, false},
         {"a name too long ends the list", {{"1.0", true}, {"1.0000000001", false}}, true},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
         ScratchClass registration;
         for (const auto& version : row.versions) {
@@ -273,6 +248,7 @@ TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
         }
         EXPECT_EQ(static_cast<bool>(LoadRegisteredTypeLib(kLibraryId)), row.loads);
     }
+    EXPECT_FALSE(LoadRegisteredTypeLib(nullptr));
 }
 
 }  // namespace

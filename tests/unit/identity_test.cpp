@@ -25,15 +25,14 @@ Pairs AttributesOf(const CObjectIdentity& identity)
 
 TEST(ObjectIdentityTest, ParsesTextsIntoParts)
 {
-    struct Row {
+    const struct {
         const char* text;
         const char* scheme;
         const char* objectName;
         const char* baseText;
         Pairs attributes;
         bool complete;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"COM://Sample.Object", "COM", "Sample.Object", "COM://Sample.Object", {}, true},
         {"COM://Sample.Object?Host=alpha?TypeLib=", "COM", "Sample.Object", "COM://Sample.Object",
          {{"Host", "alpha"}, {"TypeLib", ""}}, true},
@@ -52,7 +51,7 @@ TEST(ObjectIdentityTest, ParsesTextsIntoParts)
         {"COM:/x?a=1", "", "", "", {}, false},
         {" COM://My Object ", " COM", "My Object ", " COM://My Object ", {}, true},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
         CObjectIdentity identity;
         identity.SetText(row.text);

@@ -16,16 +16,15 @@ std::string TextOf(const MoxText& text)
 
 TEST(MoxDataTest, ReserveGrowsByTheGrainOfTheOldCapacityAndShrinksOnlyWithSlack)
 {
-    struct Row {
+    const struct {
         std::uint32_t capacity, length, request, expectedCapacity, expectedLength;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {0, 0, 100, 100, 0},        {100, 0, 101, 112, 0},      {112, 0, 112, 112, 0},
         {112, 100, 60, 60, 60},     {112, 50, 81, 112, 50},     {112, 50, 80, 80, 50},
         {5000, 0, 5001, 8192, 0},   {4096, 0, 5000, 5008, 0},   {80, 0, 96, 112, 0},
         {4097, 0, 8192, 12288, 0},  {100, 40, 0, 0, 0},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.capacity << " -> " << row.request);
         MoxData buffer;
         if (row.capacity) {
@@ -49,16 +48,15 @@ TEST(MoxDataTest, BytesMoveWithinTheOwnStorageAndRangesAreCut)
     EXPECT_EQ(buffer.data, storage);
     EXPECT_TRUE(buffer.EqualsBytes("456789", 6));
 
-    struct Row {
+    const struct {
         std::uint32_t position, count;
         const char* source;
         const char* expected;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {0, 1, "ab", "ab1234"}, {4, 9, "xyz", "0123xyz"}, {99, 0, "!", "01234!"},
         {1, 3, "", "04"},      {2, 0, "--", "01--234"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.expected);
         MoxData target;
         target.SetBytes("01234", 5, 0);
@@ -128,19 +126,18 @@ TEST(MoxTextTest, FormatsUpToItsLimitPerCall)
 TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
 {
     enum Op { All, AllExact, Nth1, Nth2, Nth4 };
-    struct Row {
+    const struct {
         Op op;
         unsigned char exact;
         const char *text, *find, *replacement, *expected;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {AllExact, 1, "aba", "a", "aa", "aabaa"},  {All, 0, "abcB", "B", "x", "axcx"},
         {All, 1, "abcB", "B", "x", "abcx"},        {All, 0, "aXbxc", "x", "--", "a--b--c"},
         {Nth2, 1, "aXaXa", "a", "x", "aXxXa"},      {Nth2, 0, "AbaB", "b", "", "Aba"},
         {Nth4, 1, "aaa", "a", "x", "aaa"},          {Nth1, 1, "abc", "", "x", "abc"},
         {AllExact, 1, "abc", "abc", "", ""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.text << " / " << row.find);
         MoxText text, find, replacement;
         text.AssignText(row.text);

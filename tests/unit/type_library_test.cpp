@@ -46,14 +46,13 @@ struct ScratchLibrary {
 
 TEST(TypeLibraryTest, LibraryFilesAreFoundByVersionAndLocale)
 {
-    struct Row {
+    const struct {
         const char* label;
         std::function<void(ScratchLibrary&)> write;
         std::uint32_t version;
         bool found;
         std::string name, path;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"409 before 0", [](ScratchLibrary& l) { l.Version("1.0", "0", "zero.tlb"); l.Version("1.0", "409", "en.tlb"); },
          0x10000, true, "Library 1.0", "en.tlb"},
         {"9 before 0", [](ScratchLibrary& l) { l.Version("1.0", "0", "zero.tlb"); l.Version("1.0", "9", "nine.tlb"); },
@@ -83,7 +82,7 @@ TEST(TypeLibraryTest, LibraryFilesAreFoundByVersionAndLocale)
         {"hexadecimal version text", [](ScratchLibrary& l) { l.Version("1.a", "0", "ten.tlb"); }, 0x1000A, true,
          "Library 1.a", "ten.tlb"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
         ScratchLibrary library;
         row.write(library);
@@ -117,28 +116,6 @@ TEST(TypeLibraryTest, LibraryIdsComeFromTheClassKeyOrTheAttribute)
 
     const CCOMIdentity bare(("COM://Not.Registered?TypeLib=" + attributeId).c_str(), 1);
     EXPECT_TRUE(bare.GetTypeLibGuid(guid, nullptr));
-}
-
-TEST(TypeLibraryTest, RegisteredLibrariesLoadAtTheirHighestVersion)
-{
-    ComPtr<ITypeLib> scripting = LoadRegisteredTypeLib(kScriptingLibrary);
-    ASSERT_TRUE(scripting);
-    EXPECT_TRUE(LoadRegisteredTypeLib(std::string(kScriptingLibrary).substr(1, 36).c_str()));
-
-    ComPtr<ITypeLib> stdole = LoadRegisteredTypeLib(kStdOleLibrary);
-    ASSERT_TRUE(stdole);
-    TLIBATTR* attributes = nullptr;
-    ASSERT_TRUE(SUCCEEDED(stdole->GetLibAttr(&attributes)));
-    EXPECT_EQ(attributes->wMajorVerNum, 2);  // 2.0 over 1.0
-    stdole->ReleaseTLibAttr(attributes);
-
-    ScratchLibrary onlyZero;
-    onlyZero.Version("0.0", "0", "none.tlb");
-    EXPECT_FALSE(LoadRegisteredTypeLib(onlyZero.libraryId.c_str()));
-    ScratchLibrary notLoadable;
-    notLoadable.Version("1.0", "0", "missing.tlb");
-    EXPECT_FALSE(LoadRegisteredTypeLib(notLoadable.libraryId.c_str()));
-    EXPECT_FALSE(LoadRegisteredTypeLib(nullptr));
 }
 
 TEST(TypeLibraryTest, CollectsTheInterfacesOfAClassOrTheInterfaceNamed)

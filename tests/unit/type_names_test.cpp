@@ -35,11 +35,10 @@ TYPEDESC Around(VARTYPE vt, TYPEDESC* inner)
 
 TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
 {
-    struct Row {
+    const struct {
         const wchar_t* signature;
         VARTYPE vt;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {L"VT_I4|VT_PTR", VT_I4 | VT_BYREF}, {L"VT_BYREF", VT_DISPATCH},     {L"VT_BSTR|VT_ARRAY", VT_BSTR | VT_BYREF},
         {L"vt_i4", VT_VOID},                 {L"VT_REAL", VT_VOID},          {L"VT_XYZ|VT_PTR", VT_VOID},
         {L"VT_RECORD", VT_RECORD},           {L"VT_USERDEFINED", VT_VOID},   {nullptr, VT_VOID},
@@ -47,7 +46,7 @@ TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
         {L"VT_I", VT_VOID},                  {L"VT_I44", VT_VOID},           {L"VT_BOOL|", VT_BOOL | VT_BYREF},
         {L"", VT_VOID},                      {L"|VT_PTR", VT_VOID},          {L"VT_BYREF|VT_PTR", VT_DISPATCH | VT_BYREF},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.signature ? CMetaString(row.signature).GetNarrow() : "null");
         EXPECT_EQ(VarTypeFromSignature(row.signature), row.vt);
     }
@@ -84,19 +83,18 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
         EXPECT_EQ(Text(signature), row.signature ? row.signature : L"untouched");
         EXPECT_EQ(VarTypeFromSignature(signature.GetWide()), row.readBack);
     }
-    struct Row {
+    const struct {
         const wchar_t* key;
         MethodKind kind;
         const wchar_t* name;  // "kept" when untouched
-    };
-    const Row rows[] = {
+    } rows[] = {
         {L"get:Name", MethodKindGet, L"Name"},   {L"GET:Name", MethodKindGet, L"Name"},
         {L"SetRef:Obj", MethodKindSetRef, L"Obj"}, {L"Set:", MethodKindSet, L""},
         {L"Call:A:B", MethodKindInvoke, L"A:B"},  {L":Name", MethodKindInvoke, L"Name"},
         {L"NoColon", MethodKindInvoke, L"kept"},  {L"Gets:Name", MethodKindInvoke, L"Name"},
         {L"Se:Name", MethodKindInvoke, L"Name"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(CMetaString(row.key).GetNarrow());
         CMetaString name(L"kept");
         MethodKind kind = MethodKindSet;
@@ -117,13 +115,12 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
 
 TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
 {
-    struct Row {
+    const struct {
         MethodKind kind;
         bool isBool;
         const wchar_t* name;
         const wchar_t* shown;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {MethodKindGet, false, L"Name", L"getName"},      {MethodKindGet, false, L"GetValue", L"GetValue"},
         {MethodKindGet, false, L"Getter", L"Getter"},     {MethodKindGet, false, L"settings", L"getsettings"},
         {MethodKindGet, true, L"Visible", L"isVisible"},  {MethodKindGet, true, L"IsOpen", L"IsOpen"},
@@ -131,7 +128,7 @@ TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
         {MethodKindSet, true, L"Name", L"setName"},       {MethodKindSet, false, L"SetName", L"SetName"},
         {MethodKindSetRef, false, L"Name", L"Name"},      {MethodKindInvoke, false, L"Name", L"Name"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(CMetaString(row.name).GetNarrow());
         CMetaString name(row.name);
         PrefixPropertyName(row.kind, row.isBool, name);
@@ -145,15 +142,14 @@ TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
     MakeParamName(L"Index", param, 2);
     EXPECT_EQ(Text(param), L"Index");
 
-    struct FlagRow {
+    const struct {
         USHORT flags;
         std::uint32_t direction;
-    };
-    const FlagRow flagRows[] = {
+    } flagRows[] = {
         {PARAMFLAG_FIN | PARAMFLAG_FOUT, 2}, {PARAMFLAG_FRETVAL, 1}, {PARAMFLAG_FLCID, 0},
         {PARAMFLAG_FOUT | PARAMFLAG_FLCID, 2}, {0, 0},
     };
-    for (const FlagRow& row : flagRows) {
+    for (const auto& row : flagRows) {
         ELEMDESC element = {};
         element.paramdesc.wParamFlags = row.flags;
         EXPECT_EQ(GetParamDirection(&element), row.direction) << row.flags;
@@ -185,7 +181,7 @@ TEST_F(TypeDescShapesTest, PlainPointerAndArrayTypes)
     TYPEDESC carray = Plain(VT_CARRAY);
     carray.lpadesc = &grid;
 
-    struct Row {
+    const struct {
         const char* label;
         const TYPEDESC* type;
         std::uint32_t metaType;
@@ -193,8 +189,7 @@ TEST_F(TypeDescShapesTest, PlainPointerAndArrayTypes)
         const wchar_t* typeName;
         const wchar_t* signature;
         std::int32_t dimensions;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"text", &bstr, MetaTypeString, 0, L"Text", L"VT_BSTR", 0},
         {"pointer to int", &pointerToI4, MetaTypeInt, 1, L"Int", L"VT_I4|VT_PTR", 0},
         {"pointer to void", &pointerToVoid, MetaTypeVoid, 1, L"None", L"VT_VOID|VT_PTR", 0},
@@ -204,7 +199,7 @@ TEST_F(TypeDescShapesTest, PlainPointerAndArrayTypes)
         {"dispatch", &dispatch, MetaTypeObject, 0, L"", L"VT_DISPATCH", 0},
         {"C array", &carray, MetaTypeInt, 0, L"Array of Int", L"VT_BYREF", 1},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
         CTypeDesc out(MetaTypeStruct, 1, 1);  // anything old must go
         EXPECT_TRUE(BuildTypeDesc(out, dictionary.Get(), row.type));
