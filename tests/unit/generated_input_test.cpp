@@ -524,6 +524,11 @@ struct Property {
     void (*body)(TextGenerator&);
 };
 
+void PrintTo(const Property& property, std::ostream* out)
+{
+    *out << property.name;
+}
+
 const Property kProperties[] = {
     {"IdentityTexts", 1101, 5600, IdentityTexts},
     {"MadeTags", 2101, 2000, MadeTags},                {"MutatedTags", 2103, 3400, MutatedTags},          {"TypeChains", 3101, 1500, TypeChains},
