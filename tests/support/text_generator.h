@@ -136,9 +136,7 @@ private:
 inline std::size_t CaseCount(std::size_t defaultCount)
 {
     const char* soak = std::getenv("COMHANDLER_SOAK_CASES");
-    if (!soak || !*soak)
-        return defaultCount;
-    const unsigned long long count = std::strtoull(soak, nullptr, 10);
+    const unsigned long long count = soak ? std::strtoull(soak, nullptr, 10) : 0;
     return count > 0 ? static_cast<std::size_t>(count) : defaultCount;
 }
 
