@@ -13,7 +13,6 @@
 #include "metaobj/records.h"
 #include "plugin/com_handler.h"
 #include "tests/support/counting_dispatch.h"
-#include "tests/support/leak_check.h"
 #include "tests/support/registry_fixture.h"
 
 using namespace MetaObj;
@@ -190,46 +189,6 @@ TEST_F(CatalogueTest, ALibraryAttributeThatIsNoIdentifierFindsNothing)
 {
     EXPECT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary?TypeLib=nonsense"), MetaStatusNoTypeInfo);
     EXPECT_EQ(Narrow(handler.GetErrorText()), "Could not load type library");
-}
-
-// One design-time round: load, every description, rows, frees, unload, a failed load.
-void DescribeOnce()
-{
-    CReferenceHost host;
-    SetEnvironmentTable(host.Table());
-    CMetaObjectCOMHandler handler;
-    handler.LoadObjectInfo("COM://Scripting.FileSystemObject");
-    CMethodNameList* names = nullptr;
-    if (handler.GetMethodNames(&names) == MetaStatusOk) {
-        for (const CMetaString& key : *names) {
-            CMethodInfo* info = nullptr;
-            if (handler.GetMethodInfo(key, 31, &info, 0) != MetaStatusOk)
-                continue;
-            for (std::uint32_t index = 0; index < info->paramCount; ++index) {
-                CParamInfo* param = nullptr;
-                if (handler.GetParamInfo(key, index, 31, &param, 0) == MetaStatusOk)
-                    handler.FreeParamInfo(param);
-            }
-            handler.FreeMethodInfo(info);
-        }
-        handler.FreeMethodNameList(names);
-    }
-    CObjectInfo* rows = nullptr;
-    handler.GetObjectInfo(&rows, "COM://Scripting.FileSystemObject", true);
-    handler.FreeObjectInfo(rows);
-    handler.UnloadObjectInfo();
-    handler.LoadObjectInfo("COM://No.Such.Class");
-    SetEnvironmentTable(nullptr);
-}
-
-TEST(CatalogueLeakTest, DescribingAndFreeingGivesBackEveryBlock)
-{
-    DescribeOnce();  // makes the thread's error-text map, which lives until the thread ends
-    EXPECT_EQ(BlocksLeftBy([] {
-                  DescribeOnce();
-                  DescribeOnce();
-              }),
-              0);
 }
 
 TEST_F(FixtureLibraryTest, MembersAreFilteredByFlagsAndExactNames)

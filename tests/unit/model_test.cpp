@@ -81,25 +81,19 @@ TEST(ItemTest, TextFormsOfEveryClass)
         {"int", [] { return new CMetaObjectInt(-5); }, nullptr, L"-5"},
         {"int head", [] { return new CMetaObjectInt(1); }, L"12abc", L"12"},
         {"int no digits", [] { return new CMetaObjectInt(1); }, L"abc", L"0"},
-        {"int empty", [] { return new CMetaObjectInt(1); }, L"", L"0"},
         {"bool false", [] { return new CMetaObjectBool(0); }, nullptr, L"false"},
         {"bool two", [] { return new CMetaObjectBool(2); }, nullptr, L"false"},
         {"bool true", [] { return new CMetaObjectBool(0); }, L"true", L"true"},
-        {"bool case", [] { return new CMetaObjectBool(1); }, L"TRUE", L"false"},
         {"bool longer", [] { return new CMetaObjectBool(1); }, L"truer", L"false"},
         {"real", [] { return new CMetaObjectReal(1.5); }, nullptr, L"1.500000"},
-        {"real set", [] { return new CMetaObjectReal(0); }, L"2.25", L"2.250000"},
         {"real empty", [] { return new CMetaObjectReal(3); }, L"", L"0.000000"},
         {"char", [] { return new CMetaObjectChar(0); }, L"xyz", L"x"},
         {"char zero", [] { return new CMetaObjectChar(0); }, nullptr, L""},
         {"enum set", [] { return new CMetaObjectEnum(3); }, L"-12", L"-12"},
         {"unknown", [] { return new CMetaObjectUnknown(255); }, nullptr, L"FF"},
-        {"unknown lower", [] { return new CMetaObjectUnknown(0); }, L"ff", L"FF"},
         {"unknown prefix", [] { return new CMetaObjectUnknown(0); }, L"0xFF", L"FF"},
         {"unknown top", [] { return new CMetaObjectUnknown(0xFFFFFFFFu); }, nullptr, L"FFFFFFFF"},
-        {"string empty", [] { return new CMetaObjectString; }, L"", L""},
         {"date", [] { return new CMetaObjectDate; }, L"not a date", L"not a date"},
-        {"currency", [] { return new CMetaObjectCurrency; }, L"1,5 EUR", L"1,5 EUR"},
         {"void", [] { return new CMetaObjectVoid; }, L"ignored", L""},
         {"struct", [] { return new CMetaObjectStruct; }, L"ignored", L"structure"},
         {"array", [] { return new CMetaObjectArray; }, L"VT_BSTR|VT_ARRAY", L"VT_BSTR|VT_ARRAY"},
@@ -185,28 +179,6 @@ TEST(ItemTest, VariableTagsAreReadInEitherOrderAndAnyQuoting)
     EXPECT_TRUE(item.IsVarParam());  // only seven characters count
     item.MakeVarParam(L"a", L"b");
     EXPECT_EQ(item.GetTagText().Compare(L"<@VARPARAM NAME=\"a\" SCOPE=\"b\">", 0), 0);
-}
-
-TEST(ItemTest, StructMembersAreCopiesAndCloneIsIndependent)
-{
-    CMetaObjectInt first(1);
-    CMetaObjectString second;
-    second.value = L"two";
-    CItemList callers{&first, &second};
-    CMetaObjectStruct record;
-    record.SetMembers(callers);
-    record.SetMembers(callers);  // the former members go
-    ASSERT_EQ(record.members.size(), 2u);
-    EXPECT_NE(record.members.front(), &first);
-    auto outer = std::make_unique<CMetaObjectStruct>();
-    ItemPtr matrix(MakeIntArray(2, 1));
-    CItemList nested{&record, matrix.get()};
-    outer->SetMembers(nested);
-    ItemPtr copy(outer->Clone());
-    outer.reset();
-    auto& copiedOuter = static_cast<CMetaObjectStruct&>(*copy);
-    EXPECT_EQ(ValueOf(*static_cast<CMetaObjectStruct&>(*copiedOuter.members.front()).members.back()), L"two");
-    EXPECT_EQ(static_cast<CMetaObjectArray&>(*copiedOuter.members.back()).elementCount, 2);
 }
 
 TEST(ItemTest, ArraysAreSizedByTheProductOfTheirBoundsAndKeepTheirSlots)
@@ -373,24 +345,6 @@ TEST(TypeDescTest, CopiesAreDeepAndRefusalsLeaveArgumentsWithTheCaller)
     std::int32_t lower = 12345, count = 12345;
     EXPECT_FALSE(plain.bounds->GetBound(1, &lower, &count));
     EXPECT_EQ(lower + count, 24690);
-}
-
-TEST(RecordsTest, MethodEntryFindsParametersByIndexAndResetsToNew)
-{
-    CMethodEntry entry;
-    entry.methodName = L"Item";
-    entry.returnType = CTypeDesc(MetaTypeEnum, 0, 1);
-    entry.kind = 2;
-    entry.AddParam(new CParamEntry(L"index", CTypeDesc(MetaTypeInt, 0, 0), 0));
-    entry.AddParam(new CParamEntry(L"", CTypeDesc(MetaTypeStruct, 1, 0), 2));
-    ASSERT_NE(entry.GetParam(1), nullptr);
-    EXPECT_EQ(entry.GetParam(1)->direction, 2u);
-    EXPECT_EQ(entry.GetParam(2), nullptr);
-    entry.Reset();
-    EXPECT_EQ(entry.params, nullptr);
-    EXPECT_EQ(entry.kind, 0u);
-    EXPECT_EQ(entry.returnType.bounds, nullptr);
-    EXPECT_TRUE(entry.methodName.IsEmpty());
 }
 
 CObjectInfo* MakeObjectInfo()

@@ -19,7 +19,6 @@
 #include "metaobj/scalar_items.h"
 #include "platform/platform_handles.h"
 #include "plugin/com_handler.h"
-#include "tests/support/leak_check.h"
 
 using namespace MetaObj;
 
@@ -148,7 +147,6 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
     } rows[] = {
         {"char as VT_I1", {Char, 0x1FF, L"VT_I1"}, VT_I1, L"-1"},
         {"int as VT_I2 keeps 16 bits", {Int, 0x12345, L"VT_I2"}, VT_I2, L"9029"},
-        {"int as VT_UINT", {Int, -2, L"VT_UINT"}, VT_UINT, L"4294967294"},
         {"real as VT_R4", {Real, 2.5, L"VT_R4"}, VT_R4, L"2.500000"},
         {"bool 1 is true", {Bool, 1, L"VT_BOOL"}, VT_BOOL, L"-1"},
         {"bool 2 is false", {Bool, 2, L"VT_BOOL"}, VT_BOOL, L"0"},
@@ -279,16 +277,6 @@ std::unique_ptr<CMetaObjectArray, ClearingDelete> MakeArray(const wchar_t* signa
     return array;
 }
 
-Bounds BoundsOf(const CMetaObjectItem& item)
-{
-    Bounds bounds;
-    if (item.GetTypeDesc().bounds) {
-        for (const CArrayBound* bound : *item.GetTypeDesc().bounds)
-            bounds.emplace_back(bound->lowerBound, bound->elementCount);
-    }
-    return bounds;
-}
-
 TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
 {
     const struct {
@@ -300,12 +288,9 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         {L"VT_I1|VT_ARRAY", {Char, 0x1FF, L""}, VT_I1, L"-1"},
         {L"VT_UI1|VT_ARRAY", {Char, 0x141, L""}, VT_UI1, L"65"},
         {L"VT_I2|VT_ARRAY", {Int, 0x12345, L""}, VT_I2, L"9029"},
-        {L"VT_UI2|VT_ARRAY", {Int, -1, L""}, VT_UI2, L"65535"},
-        {L"VT_I4|VT_ARRAY", {Int, -7, L""}, VT_I4, L"-7"},
         {L"VT_UI4|VT_ARRAY", {Int, -1, L""}, VT_UI4, L"4294967295"},
         {L"VT_ERROR|VT_ARRAY", {Int, E_FAIL, L""}, VT_ERROR, L"-2147467259"},
         {L"VT_I4|VT_ARRAY", {Enum, 3, L""}, VT_I4, L"3"},
-        {L"VT_R4|VT_ARRAY", {Real, 1.5, L""}, VT_R4, L"1.500000"},
         {L"VT_R8|VT_ARRAY", {Real, 0.1, L""}, VT_R8, L"0.100000"},
         {L"VT_BOOL|VT_ARRAY", {Bool, 1, L""}, VT_BOOL, L"-1"},
         {L"VT_BOOL|VT_ARRAY", {Bool, 2, L""}, VT_BOOL, L"0"},
@@ -351,11 +336,9 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
     } rows[] = {
         {VT_I1, [](VARIANT& v) { v.cVal = -1; }, "Char", L"\xFFFF"},  // sign-extended
         {VT_UI1, [](VARIANT& v) { v.bVal = 0xFF; }, "Char", L"\xFF"},
-        {VT_I2, [](VARIANT& v) { v.iVal = -2; }, "Int", L"-2"},
         {VT_UI2, [](VARIANT& v) { v.uiVal = 0xFFFF; }, "Int", L"65535"},
         {VT_UI4, [](VARIANT& v) { v.ulVal = 0xFFFFFFFF; }, "Int", L"-1"},
         {VT_ERROR, [](VARIANT& v) { v.scode = E_FAIL; }, "Int", L"-2147467259"},
-        {VT_R4, [](VARIANT& v) { v.fltVal = 1.5f; }, "Real", L"1.500000"},
         {VT_R8, [](VARIANT& v) { v.dblVal = 0.1; }, "Real", L"0.100000"},
         {VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }, "Bool", L"true"},
         {VT_BSTR, [](VARIANT& v) { v.bstrVal = SysAllocString(L"text"); }, "String", L"text"},
@@ -398,25 +381,6 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
 
 TEST(ArrayTranslationTest, ShapesThatCantBeTranslatedAreRefused)
 {
-    SAFEARRAY none{};  // a descriptor of no dimensions, as no platform call makes one
-    none.cbElements = 4;
-    VARIANT value;
-    value.vt = VT_ARRAY | VT_I4;
-    value.parray = &none;
-    EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);
-    SAFEARRAY* huge = nullptr;  // elements beyond 32 bits, no data behind them: refused before any read
-    ASSERT_EQ(SafeArrayAllocDescriptor(2, &huge), S_OK);
-    huge->cbElements = 4;
-    huge->rgsabound[0].cElements = huge->rgsabound[1].cElements = 0x10000;
-    value.parray = huge;
-    EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);
-    SafeArrayDestroyDescriptor(huge);
-    std::vector<SAFEARRAYBOUND> many(101, SAFEARRAYBOUND{1, 0});
-    SafeArray deep(SafeArrayCreate(VT_I4, 101, many.data()));
-    if (deep) {
-        value.parray = deep.Get();
-        EXPECT_EQ(Call().ArrayVariantToItem(value), nullptr);  // more than 100 dimensions
-    }
     const struct {
         const char* name;
         Bounds bounds;
@@ -441,41 +405,6 @@ TEST(ArrayTranslationTest, ShapesThatCantBeTranslatedAreRefused)
         EXPECT_FALSE(Call().ArrayItemToVariant(array.get(), out));
         EXPECT_EQ(out.vt, 0xBEEF);
     }
-}
-
-TEST(TranslationLeakTest, RoundsOfNestedInOutArraysAndCellsLeaveNoBlockBehind)
-{
-    ExpectNoBlocksLeft([] {
-        for (int round = 0; round < 3; ++round) {
-            ItemPtr text = Make({Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"abc"});
-            Argument argument(text.get());
-            argument.call.VariantIntoItem(argument.value, text.get());
-            ItemPtr variant = Make({Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"v"});
-            Argument cell(variant.get());
-            argument.call.VariantIntoItem(cell.value, variant.get());
-
-            // A nested VARIANT array out and back, then in/out over the array that went out.
-            auto inner = MakeArray(L"VT_BSTR|VT_ARRAY", {{1, 2}});
-            inner->elements[1] = Make({Text, 0, L"", 0, 0, L"b"}).release();
-            auto outer = MakeArray(L"VT_VARIANT|VT_ARRAY", {{-1, 2}, {0, 2}});
-            outer->elements[0] = inner.release();
-            outer->elements[3] = new CMetaObjectInt(1);
-            CVariant out;
-            ASSERT_TRUE(Call().ArrayItemToVariant(outer.get(), out.Get()));
-            ItemPtr back(Call().VariantToItem(out.Get()));
-            auto& nested = dynamic_cast<CMetaObjectArray&>(*dynamic_cast<CMetaObjectArray&>(*back).elements[0]);
-            EXPECT_EQ(BoundsOf(nested), (Bounds{{1, 2}}));
-            EXPECT_EQ(ValueOf(nested.elements[1]), L"b");
-            outer->SetValue(CMetaString(L"VT_VARIANT|VT_ARRAY|VT_PTR"));
-            outer->SetDirection(2);
-            VARIANT inOut;
-            VariantInit(&inOut);
-            ASSERT_TRUE(Call().ItemToVariant(outer.get(), inOut));
-            EXPECT_TRUE(Call().VariantIntoItem(inOut, outer.get()));
-            ReleaseArgument(inOut);
-            EXPECT_EQ(BoundsOf(*outer), (Bounds{{-1, 2}, {0, 2}}));
-        }
-    });
 }
 
 }  // namespace
