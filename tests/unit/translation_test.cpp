@@ -235,33 +235,6 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
     }
 }
 
-TEST(MakeItemForTypeTest, ClassFollowsTheType)
-{
-    const struct {
-        std::uint32_t type;
-        const wchar_t *signature, *typeName;
-        const char* expected;  // class name, or null for no item
-    } rows[] = {
-        {MetaTypeVoid, L"VT_VOID", L"", "CMetaObjectVoid"},       {MetaTypeInt, L"VT_I4", L"", "CMetaObjectInt"},
-        {MetaTypeDate, L"VT_DATE", L"", "CMetaObjectDate"},       {MetaTypeStruct, L"VT_RECORD", L"", "CMetaObjectStruct"},
-        {MetaTypeEnum, L"VT_BYREF", L"", "CMetaObjectEnum"},      {MetaTypeObject, L"VT_DISPATCH", L"", "CMetaObjectObject"},
-        {MetaTypeUnknown, L"VT_BYREF", L"", nullptr},             {MetaTypeInt, L"VT_I4", L"my array", "CMetaObjectArray"},
-        {MetaTypeInt, L"VT_I4|VT_ARRAY", L"Array of Integer", "CMetaObjectArray"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.expected ? row.expected : "none");
-        CTypeDesc type(row.type, 0, 0);
-        type.signature = CMetaString(row.signature);
-        type.typeName = CMetaString(row.typeName);
-        ItemPtr item(MakeItemForType(type));
-        ASSERT_EQ(item == nullptr, row.expected == nullptr);
-        if (!item)
-            continue;
-        EXPECT_NE(std::string(typeid(*item).name()).find(row.expected), std::string::npos) << typeid(*item).name();
-        EXPECT_EQ(Wide(item->GetTypeDesc().signature), row.signature);
-    }
-}
-
 // Arrays
 
 std::unique_ptr<CMetaObjectArray, ClearingDelete> MakeArray(const wchar_t* signature, const Bounds& bounds)
