@@ -9,10 +9,7 @@ namespace {
 // A pattern is a substring, or with wildcards a whole name, ignoring case.
 TEST(ClassPatternTest, SubstringOrWildcardIgnoringCase)
 {
-    const struct {
-        const wchar_t *pattern, *text;
-        bool matches;
-    } rows[] = {
+    const struct { const wchar_t *pattern, *text; bool matches; } rows[] = {
         {L"", L"Scripting.Dictionary", true},          {L"SCRIPTING.D", L"Scripting.Dictionary", true},
         {L"dictionaries", L"Scripting.Dictionary", false}, {L"scripting.*", L"Scripting.Dictionary", true},
         {L"*.dict*", L"Scripting.Dictionary", true},   {L"dict*", L"Scripting.Dictionary", false},

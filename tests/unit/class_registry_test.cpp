@@ -105,8 +105,7 @@ TEST(ClassRegistryTest, ServerProbeOrderDecidesKindPathThreadingModelAndRows)
         for (const CObjectProperty* property : info->properties)
             shown.emplace_back(property->name.GetNarrow() ? property->name.GetNarrow() : "",
                                property->value.GetNarrow() ? property->value.GetNarrow() : "");
-        if (!row.path.empty())
-            EXPECT_EQ(shown, expected);
+        EXPECT_TRUE(row.path.empty() || shown == expected);
         handler.FreeObjectInfo(info);
     }
 }
@@ -170,12 +169,8 @@ TEST(ClassRegistryTest, TextEntriesUserTypeNamesAndNamesByTheirForm)
     EXPECT_TRUE(CCOMIdentity("Scripting.Dictionary", 0).GetClassIdText(text, false));  // a real class both ways
     EXPECT_TRUE(CCOMIdentity(text.c_str(), 0).GetProgId(text));
     EXPECT_EQ(text, "Scripting.Dictionary");
-    const struct {
-        const char* text;
-        bool converts;
-    } conversions[] = {
-        {"Scripting.Dictionary", true},
-        {"{EE09B103-97E0-11CF-978F-00A02463E06F}", true},
+    const struct { const char* text; bool converts; } conversions[] = {
+        {"Scripting.Dictionary", true}, {"{EE09B103-97E0-11CF-978F-00A02463E06F}", true},
         {"EE09B103-97E0-11CF-978F-00A02463E06F", true},
         {"{EE09B103-97E0-11CF-978F-00A02463E06.}", false},  // braces win over the dot, and it is no identifier
         {"EE09B103-97E0-11CF-978F-00A02463E06.", false},    // a dot makes it a ProgID, an unknown one

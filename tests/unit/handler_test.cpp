@@ -148,9 +148,7 @@ TEST(HandlerTest, DcomSettingAndModuleDirectory)
     };
     for (const auto& row : settings)
         EXPECT_EQ(DcomEnabledFromValue(row.bytes, row.size), row.enabled) << '"' << row.bytes << "\" size " << row.size;
-    const struct {
-        const char *path, *directory;
-    } paths[] = {
+    const struct { const char *path, *directory; } paths[] = {
         {"C:\\Program Files\\Host\\comhandler.dll", "C:\\Program Files\\Host"},
         {"C:\\Host\\plugins/comhandler.dll", "C:\\Host"},  // a backslash wins wherever the slash stands
         {"comhandler.dll", "comhandler.dll"}, {"", ""},

@@ -98,12 +98,7 @@ TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
 
 TEST(ComIdentityTest, ConstructorsAndClassIdNames)
 {
-    const struct {
-        const char* text;
-        int isWhole;
-        const char* identityText;
-        bool complete, classId;
-    } rows[] = {
+    const struct { const char* text; int isWhole; const char* identityText; bool complete, classId; } rows[] = {
         {"Sample.Object", 0, "COM://Sample.Object", true, false},
         {"Sample?Object", 0, "COM://", false, false},  // refused name: the scheme stays
         {"Sample=Object", 0, "COM://", false, false},

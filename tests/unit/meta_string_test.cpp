@@ -21,16 +21,10 @@ TEST(MetaStringTest, NullAndEmptyAssignmentsHoldNothing)
     CMetaString assignedNullWide(L"x"), assignedEmptyNarrow("x");
     assignedNullWide.AssignWide(nullptr);
     assignedEmptyNarrow.AssignNarrow("");
-    const struct {
-        const char* name;
-        CMetaString text;
-    } rows[] = {
-        {"default", CMetaString()},
-        {"wide empty", CMetaString(L"")},
-        {"narrow empty", CMetaString("")},
+    const struct { const char* name; CMetaString text; } rows[] = {
+        {"default", CMetaString()}, {"wide empty", CMetaString(L"")}, {"narrow empty", CMetaString("")},
         {"wide null", CMetaString(static_cast<const wchar_t*>(nullptr))},
-        {"narrow null", CMetaString(static_cast<const char*>(nullptr))},
-        {"AssignWide(null)", assignedNullWide},
+        {"narrow null", CMetaString(static_cast<const char*>(nullptr))}, {"AssignWide(null)", assignedNullWide},
         {"AssignNarrow(\"\")", assignedEmptyNarrow},
     };
     for (const auto& row : rows) {
@@ -100,10 +94,7 @@ TEST(MetaStringTest, CompareFollowsThePointerRulesThenTheTexts)
 
 TEST(MetaStringTest, FindAndMidKeepToTheText)
 {
-    const struct {
-        const wchar_t *own, *needle;
-        int index;
-    } finds[] = {
+    const struct { const wchar_t *own, *needle; int index; } finds[] = {
         {nullptr, L"", -1}, {nullptr, L"a", -1},  // holds nothing: -1 whatever the needle
         {L"Get:Name", L":", 3}, {L"Get:Name", L"Name", 4}, {L"abab", L"b", 1}, {L"abc", L"x", -1}, {L"abc", L"", 0},
     };

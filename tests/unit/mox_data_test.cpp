@@ -16,9 +16,7 @@ std::string TextOf(const MoxText& text)
 
 TEST(MoxDataTest, ReserveGrowsByTheGrainOfTheOldCapacityAndShrinksOnlyWithSlack)
 {
-    const struct {
-        std::uint32_t capacity, length, request, expectedCapacity, expectedLength;
-    } rows[] = {
+    const struct { std::uint32_t capacity, length, request, expectedCapacity, expectedLength; } rows[] = {
         {0, 0, 100, 100, 0},        {100, 0, 101, 112, 0},      {112, 0, 112, 112, 0},
         {112, 100, 60, 60, 60},     {112, 50, 81, 112, 50},     {112, 50, 80, 80, 50},
         {5000, 0, 5001, 8192, 0},   {4096, 0, 5000, 5008, 0},   {80, 0, 96, 112, 0},
@@ -48,11 +46,7 @@ TEST(MoxDataTest, BytesMoveWithinTheOwnStorageAndRangesAreCut)
     EXPECT_EQ(buffer.data, storage);
     EXPECT_TRUE(buffer.EqualsBytes("456789", 6));
 
-    const struct {
-        std::uint32_t position, count;
-        const char* source;
-        const char* expected;
-    } rows[] = {
+    const struct { std::uint32_t position, count; const char* source; const char* expected; } rows[] = {
         {0, 1, "ab", "ab1234"}, {4, 9, "xyz", "0123xyz"}, {99, 0, "!", "01234!"},
         {1, 3, "", "04"},      {2, 0, "--", "01--234"},
     };
@@ -109,11 +103,7 @@ TEST(MoxTextTest, KeepsItsTerminatorInsideTheLength)
 TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
 {
     enum Op { All, AllExact, Nth1, Nth2, Nth4 };
-    const struct {
-        Op op;
-        unsigned char exact;
-        const char *text, *find, *replacement, *expected;
-    } rows[] = {
+    const struct { Op op; unsigned char exact; const char *text, *find, *replacement, *expected; } rows[] = {
         {AllExact, 1, "aba", "a", "aa", "aabaa"},  {All, 0, "abcB", "B", "x", "axcx"},
         {All, 1, "abcB", "B", "x", "abcx"},        {All, 0, "aXbxc", "x", "--", "a--b--c"},
         {Nth2, 1, "aXaXa", "a", "x", "aXxXa"},      {Nth2, 0, "AbaB", "b", "", "Aba"},

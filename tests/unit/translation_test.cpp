@@ -252,21 +252,13 @@ std::unique_ptr<CMetaObjectArray, ClearingDelete> MakeArray(const wchar_t* signa
 
 TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
 {
-    const struct {
-        const wchar_t* signature;
-        Spec element;
-        VARTYPE type;
-        const wchar_t* held;
-    } rows[] = {
-        {L"VT_I1|VT_ARRAY", {Char, 0x1FF, L""}, VT_I1, L"-1"},
-        {L"VT_UI1|VT_ARRAY", {Char, 0x141, L""}, VT_UI1, L"65"},
+    const struct { const wchar_t* signature; Spec element; VARTYPE type; const wchar_t* held; } rows[] = {
+        {L"VT_I1|VT_ARRAY", {Char, 0x1FF, L""}, VT_I1, L"-1"}, {L"VT_UI1|VT_ARRAY", {Char, 0x141, L""}, VT_UI1, L"65"},
         {L"VT_I2|VT_ARRAY", {Int, 0x12345, L""}, VT_I2, L"9029"},
         {L"VT_UI4|VT_ARRAY", {Int, -1, L""}, VT_UI4, L"4294967295"},
         {L"VT_ERROR|VT_ARRAY", {Int, E_FAIL, L""}, VT_ERROR, L"-2147467259"},
-        {L"VT_I4|VT_ARRAY", {Enum, 3, L""}, VT_I4, L"3"},
-        {L"VT_R8|VT_ARRAY", {Real, 0.1, L""}, VT_R8, L"0.100000"},
-        {L"VT_BOOL|VT_ARRAY", {Bool, 1, L""}, VT_BOOL, L"-1"},
-        {L"VT_BOOL|VT_ARRAY", {Bool, 2, L""}, VT_BOOL, L"0"},
+        {L"VT_I4|VT_ARRAY", {Enum, 3, L""}, VT_I4, L"3"}, {L"VT_R8|VT_ARRAY", {Real, 0.1, L""}, VT_R8, L"0.100000"},
+        {L"VT_BOOL|VT_ARRAY", {Bool, 1, L""}, VT_BOOL, L"-1"}, {L"VT_BOOL|VT_ARRAY", {Bool, 2, L""}, VT_BOOL, L"0"},
         {L"VT_BSTR|VT_ARRAY", {Text, 0, L"", 0, 0, L"h\u00e4j"}, VT_BSTR, L"h\u00e4j"},
         {L"VT_VARIANT|VT_ARRAY", {Text, 0, L"", 0, 0, L"12"}, VT_VARIANT, L"<8:12>"},
         {L"VT_VARIANT|VT_ARRAY", {Int, 5, L""}, VT_VARIANT, L"<3:5>"},
@@ -354,16 +346,11 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
 
 TEST(ArrayTranslationTest, ShapesThatCantBeTranslatedAreRefused)
 {
-    const struct {
-        const char* name;
-        Bounds bounds;
-        const wchar_t* signature;
-    } refusedOut[] = {
+    const struct { const char* name; Bounds bounds; const wchar_t* signature; } refusedOut[] = {
         {"101 dimensions", Bounds(101, {0, 1}), L"VT_I4|VT_ARRAY"},
         {"65536 dimensions", Bounds(65536, {0, 1}), L"VT_I4|VT_ARRAY"},
         {"count that overflows", {{0, 0x10000}, {0, 0x10000}}, L"VT_I4|VT_ARRAY"},
-        {"count left open", {{0, -1}}, L"VT_I4|VT_ARRAY"},
-        {"by-reference element", {{0, 1}}, L"VT_I4|VT_PTR|VT_ARRAY"},
+        {"count left open", {{0, -1}}, L"VT_I4|VT_ARRAY"}, {"by-reference element", {{0, 1}}, L"VT_I4|VT_PTR|VT_ARRAY"},
         {"no signature", {{0, 1}}, L""},
     };
     for (const auto& row : refusedOut) {

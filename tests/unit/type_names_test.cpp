@@ -35,10 +35,7 @@ TYPEDESC Around(VARTYPE vt, TYPEDESC* inner)
 
 TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
 {
-    const struct {
-        const wchar_t* signature;
-        VARTYPE vt;
-    } rows[] = {
+    const struct { const wchar_t* signature; VARTYPE vt; } rows[] = {
         {L"VT_I4|VT_PTR", VT_I4 | VT_BYREF}, {L"VT_BSTR|VT_ARRAY", VT_BSTR | VT_BYREF}, {L"vt_i4", VT_VOID},
         {L"VT_REAL", VT_VOID},               {L"VT_USERDEFINED", VT_VOID},           {nullptr, VT_VOID},
         {L"VT_I44", VT_VOID},                {L"VT_BOOL|", VT_BOOL | VT_BYREF},      {L"|VT_PTR", VT_VOID},
@@ -103,12 +100,7 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
 
 TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
 {
-    const struct {
-        MethodKind kind;
-        bool isBool;
-        const wchar_t* name;
-        const wchar_t* shown;
-    } rows[] = {
+    const struct { MethodKind kind; bool isBool; const wchar_t* name; const wchar_t* shown; } rows[] = {
         {MethodKindGet, false, L"Name", L"getName"},      {MethodKindGet, false, L"GetValue", L"GetValue"},
         {MethodKindGet, false, L"Getter", L"Getter"},     {MethodKindGet, false, L"settings", L"getsettings"},
         {MethodKindGet, true, L"Visible", L"isVisible"},  {MethodKindGet, true, L"IsOpen", L"IsOpen"},
@@ -130,10 +122,7 @@ TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
     MakeParamName(L"Index", param, 2);
     EXPECT_EQ(Text(param), L"Index");
 
-    const struct {
-        USHORT flags;
-        std::uint32_t direction;
-    } flagRows[] = {
+    const struct { USHORT flags; std::uint32_t direction; } flagRows[] = {
         {PARAMFLAG_FIN | PARAMFLAG_FOUT, 2}, {PARAMFLAG_FRETVAL, 1}, {PARAMFLAG_FLCID, 0},
         {PARAMFLAG_FOUT | PARAMFLAG_FLCID, 2}, {0, 0},
     };
