@@ -78,8 +78,9 @@ void IdentityTexts(TextGenerator& gen)
         std::string name = Trimmed(gen.From(std::string("HostUserTypeLibDomain_x.:/{} \t\xa0"), 1, 12));
         if (parts.size() > 2 && gen.OneIn(5))  // repeated names are kept in order
             name = parts[2 + 2 * gen.Below((parts.size() - 2) / 2)];
-        parts.insert(parts.end(), {name.empty() ? "n" : name,
-                                   Trimmed(gen.From(std::string("alpha{}=://\\.- \t0123456789\x80\xff"), 0, gen.OneIn(20) ? 3000 : 16))});
+        const std::size_t valueLength = gen.OneIn(20) ? 3000 : 16;
+        const std::string value = gen.From(std::string("alpha{}=://\\.- \t0123456789\x80\xff"), 0, valueLength);
+        parts.insert(parts.end(), {name.empty() ? "n" : name, Trimmed(value)});
     }
     const bool composed = gen.OneIn(2);
     std::string text = Compose(parts);
@@ -139,7 +140,8 @@ void IdentityTexts(TextGenerator& gen)
 void Tags(TextGenerator& gen)
 {
     auto value = [&gen] {  // without the double quote that would end the value
-        std::wstring v = gen.OneIn(3) ? gen.OddWide(60) : gen.From(std::wstring(L"abcXYZ_019.$# '>=<@-%"), 0, gen.OneIn(50) ? 12000 : 60);
+        std::wstring v = gen.OneIn(3) ? gen.OddWide(60)
+                                      : gen.From(std::wstring(L"abcXYZ_019.$# '>=<@-%"), 0, gen.OneIn(50) ? 12000 : 60);
         if (gen.OneIn(10))
             v.insert(gen.Below(v.size() + 1), gen.OneIn(2) ? L"scope=" : L"NAME=");
         std::replace(v.begin(), v.end(), L'"', L'\'');
@@ -147,7 +149,8 @@ void Tags(TextGenerator& gen)
     };
     const std::wstring name = value(), scope = value();
     const bool made = gen.OneIn(2);
-    std::wstring tag = L"<@VARPARAM NAME=\"" + name + L"\" SCOPE=" + (gen.OneIn(2) ? L"\"" + scope + L"\">" : L"'" + scope + L"'>");
+    const std::wstring quote = gen.OneIn(2) ? L"\"" : L"'";
+    std::wstring tag = L"<@VARPARAM NAME=\"" + name + L"\" SCOPE=" + quote + scope + quote + L">";
     if (gen.OneIn(3))
         std::transform(tag.begin(), tag.begin() + 10, tag.begin(), [](wchar_t c) { return std::towlower(c); });
     if (!made)
@@ -158,7 +161,7 @@ void Tags(TextGenerator& gen)
         CMetaString nameOut(kUntouched), scopeOut(kUntouched);
         if (made) {
             // The tag carries the narrow forms; a text the conversion refuses goes as empty.
-            const std::string narrowName = Narrow(CMetaString(name.c_str())), narrowScope = Narrow(CMetaString(scope.c_str()));
+            const std::string narrowName = Narrow(name.c_str()), narrowScope = Narrow(scope.c_str());
             EXPECT_TRUE(item.MakeVarParam(CMetaString(name.c_str()), CMetaString(scope.c_str())));
             EXPECT_TRUE(item.IsVarParam());
             const bool parsed = item.ParseVarParam(nameOut, scopeOut);
@@ -197,9 +200,10 @@ constexpr const wchar_t* kSignatures[] = {
     L"VT_UI4",  L"VT_I8",    L"VT_UI8",  L"VT_INT",   L"VT_UINT", L"VT_VOID",    L"VT_HRESULT", L"VT_LPSTR",
     L"VT_LPWSTR", L"VT_RECORD",
 };
-constexpr VARTYPE kSignatureTypes[] = {VT_I2, VT_I4, VT_R4, VT_R8, VT_CY, VT_DATE, VT_BSTR, VT_DISPATCH, VT_ERROR,
-                                       VT_BOOL, VT_VARIANT, VT_UNKNOWN, VT_DECIMAL, VT_I1, VT_UI1, VT_UI2, VT_UI4,
-                                       VT_I8, VT_UI8, VT_INT, VT_UINT, VT_VOID, VT_HRESULT, VT_LPSTR, VT_LPWSTR, VT_RECORD};
+constexpr VARTYPE kSignatureTypes[] = {VT_I2,   VT_I4,   VT_R4,   VT_R8,   VT_CY,   VT_DATE,    VT_BSTR,  VT_DISPATCH,
+                                       VT_ERROR, VT_BOOL, VT_VARIANT, VT_UNKNOWN, VT_DECIMAL, VT_I1, VT_UI1, VT_UI2,
+                                       VT_UI4,  VT_I8,   VT_UI8,  VT_INT,  VT_UINT, VT_VOID,    VT_HRESULT, VT_LPSTR,
+                                       VT_LPWSTR, VT_RECORD};
 
 // The type a signature's first word names (VT_BYREF stands for VT_DISPATCH), or VT_ILLEGAL.
 VARTYPE TypeOfWord(const std::wstring& word)
@@ -234,14 +238,16 @@ void Signatures(TextGenerator& gen)
         expected += chain[i].vt == VT_PTR ? L"|VT_PTR" : L"|VT_ARRAY";
     }
     expected.resize(std::min(expected.size(), kSignatureChars - 1));
-    std::wstring mutated = gen.OneIn(6) ? gen.OddWide(80) : gen.Mutate(expected.substr(0, 60), std::wstring(L"|_VTvtIPRA \0", 12));
+    const std::wstring specials(L"|_VTvtIPRA \0", 12);
+    const std::wstring mutated = gen.OneIn(6) ? gen.OddWide(80) : gen.Mutate(expected.substr(0, 60), specials);
     SCOPED_TRACE(Printable(expected) + " depth " + std::to_string(chain.size()) + " mutated " + Printable(mutated));
     // Read as a C text, and no further than a signature may go.
     const std::wstring head = std::wstring(mutated.c_str()).substr(0, kSignatureChars - 1);
     const VARTYPE word = TypeOfWord(head.substr(0, head.find(L'|')));
     ExpectNoBlocksLeft([&] {
         EXPECT_EQ(Wide(TypeSignatureText(&chain.back())), expected);
-        EXPECT_EQ(VarTypeFromSignature(expected.c_str()), TypeOfWord(expected.substr(0, expected.find(L'|'))) | (chain.size() > 1 ? VT_BYREF : 0));
+        EXPECT_EQ(VarTypeFromSignature(expected.c_str()),
+                  TypeOfWord(expected.substr(0, expected.find(L'|'))) | (chain.size() > 1 ? VT_BYREF : 0));
         CTypeDesc built;  // without type information: unresolved, with the same signature
         EXPECT_FALSE(BuildTypeDesc(built, nullptr, &chain.back()));
         EXPECT_EQ(built.type, MetaTypeObject);
@@ -323,7 +329,7 @@ void AppendFormatted(MoxText& text, const char* format, ...)
 void MoxTextFormats(TextGenerator& gen)
 {
     static const char* const kTextConversions[] = {"%s", "%-12s", "%.3s", "%40s", "%20000s", "%.0s"};
-    static const char* const kNumberConversions[] = {"%d", "%u", "%x", "%08x", "%-9d", "%+d", "%o", "%15000d", "%c", ""};
+    static const char* const kNumberConversions[] = {"%d", "%u", "%x", "%08x", "%-9d", "%+d", "%15000d", "%c", ""};
     auto literal = [&gen] {
         std::string escaped;
         for (char c : gen.OddNarrow(gen.OneIn(10) ? 12000 : 20))
@@ -349,15 +355,16 @@ void MoxTextFormats(TextGenerator& gen)
         expected += expected.substr(0, kFormatLimit);
     }
     SCOPED_TRACE(Printable(start, 40) + (replaceFirst ? " replaced by " : " then ") + std::to_string(requests.size()) +
-                 " formats, the first " + Printable(requests.front().format, 80) + (appendItself ? ", then itself" : ""));
+                 " formats, the first " + Printable(requests.front().format, 80) + (appendItself ? ", itself" : ""));
     ExpectNoBlocksLeft([&] {
         MoxText text;
         text.AssignText(start.c_str());
         for (const Request& r : requests) {
+            const char* format = r.format.c_str();
             if (&r == &requests.front() && replaceFirst)
-                r.isText ? text.FormatText(r.format.c_str(), r.text.c_str()) : text.FormatText(r.format.c_str(), r.number);
+                r.isText ? text.FormatText(format, r.text.c_str()) : text.FormatText(format, r.number);
             else
-                r.isText ? AppendFormatted(text, r.format.c_str(), r.text.c_str()) : AppendFormatted(text, r.format.c_str(), r.number);
+                r.isText ? AppendFormatted(text, format, r.text.c_str()) : AppendFormatted(text, format, r.number);
         }
         if (appendItself) {
             text.AppendText(text.GetText());

@@ -101,7 +101,6 @@ TEST(ComIdentityTest, ConstructorsAndClassIdNames)
     const struct { const char* text; int isWhole; const char* identityText; bool complete, classId; } rows[] = {
         {"Sample.Object", 0, "COM://Sample.Object", true, false},
         {"Sample?Object", 0, "COM://", false, false},  // refused name: the scheme stays
-        {"Sample=Object", 0, "COM://", false, false},
         {"COM://Sample.Object?Host=alpha", 1, "COM://Sample.Object?Host=alpha", true, false},
         {nullptr, 1, "", false, false},
         // Thirty-six characters without a dot; the letters are not looked at.
