@@ -115,11 +115,9 @@ TEST(ItemTest, CloneKeepsEveryFieldOfEveryClass)
         item->SetName(L"name");
         item->SetTagText(L"<@NULLOBJECT>");
         item->SetDirection(2);
-        item->SetHostFlagOne(1);
-        item->SetOptional(1);
-        item->SetNewObject(1);
-        item->SetHostFlagTwo(1);
-        item->SetOmitted(1);
+        for (auto set : {&CMetaObjectItem::SetHostFlagOne, &CMetaObjectItem::SetOptional, &CMetaObjectItem::SetNewObject,
+                         &CMetaObjectItem::SetHostFlagTwo, &CMetaObjectItem::SetOmitted})
+            (item.get()->*set)(1);
         item->GetTypeDesc().typeName = L"Type";
         ItemPtr copy(item->Clone());
         EXPECT_EQ(typeid(*copy), typeid(*item));

@@ -219,9 +219,7 @@ TEST(TypeDescCircles, ACircleOfTypesEndsUnresolvedInsteadOfRecursing)
     ASSERT_EQ(firstCreated->AddRefTypeInfo(second.Get(), &secondReference), S_OK);
     ASSERT_EQ(secondCreated->AddRefTypeInfo(first.Get(), &firstReference), S_OK);
     auto holding = [](ICreateTypeInfo* owner, const wchar_t* member, HREFTYPE reference) {
-        VARDESC variable{};
-        variable.memid = 0;
-        variable.varkind = VAR_PERINSTANCE;
+        VARDESC variable{};  // member 0, per instance
         variable.elemdescVar.tdesc.vt = VT_USERDEFINED;
         variable.elemdescVar.tdesc.hreftype = reference;
         ASSERT_EQ(owner->AddVarDesc(0, &variable), S_OK);
@@ -230,11 +228,8 @@ TEST(TypeDescCircles, ACircleOfTypesEndsUnresolvedInsteadOfRecursing)
     holding(firstCreated.Get(), L"second", secondReference);
     holding(secondCreated.Get(), L"first", firstReference);
 
-    const struct {
-        const char* label;
-        ITypeInfo* owner;
-        HREFTYPE reference;
-    } rows[] = {{"an alias of itself", self.Get(), selfReference},
+    const struct { const char* label; ITypeInfo* owner; HREFTYPE reference; } rows[] = {
+                {"an alias of itself", self.Get(), selfReference},
                 {"two structs that hold each other", second.Get(), firstReference}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.label);
