@@ -6,34 +6,21 @@
 
 namespace {
 
+// A pattern is a substring, or with wildcards a whole name, ignoring case.
 TEST(ClassPatternTest, SubstringOrWildcardIgnoringCase)
 {
-    struct Row {
-        const wchar_t* pattern;
-        const wchar_t* text;
-        bool matches;
-    };
-    const Row rows[] = {
-        {L"", L"Scripting.Dictionary", true},
-        {L"dictionary", L"Scripting.Dictionary", true},
-        {L"SCRIPTING.D", L"Scripting.Dictionary", true},
-        {L"dictionaries", L"Scripting.Dictionary", false},
-        // A wildcard matches the whole name, not a part.
-        {L"scripting.*", L"Scripting.Dictionary", true},
-        {L"*.dict*", L"Scripting.Dictionary", true},
-        {L"dict*", L"Scripting.Dictionary", false},
+    const struct { const wchar_t *pattern, *text; bool matches; } rows[] = {
+        {L"", L"Scripting.Dictionary", true},          {L"SCRIPTING.D", L"Scripting.Dictionary", true},
+        {L"dictionaries", L"Scripting.Dictionary", false}, {L"scripting.*", L"Scripting.Dictionary", true},
+        {L"*.dict*", L"Scripting.Dictionary", true},   {L"dict*", L"Scripting.Dictionary", false},
         {L"msxml2.domdocument.?.0", L"Msxml2.DOMDocument.6.0", true},
         {L"msxml2.domdocument.?.0", L"Msxml2.DOMDocument", false},
         {L"msxml2.domdocument.?.0", L"Msxml2.DOMDocument.2.6", false},
-        {L"*a*b*c", L"xaxxbxxcxc", true},
-        {L"*a*b*c", L"xaxxbxxcx", false},
-        {L"*", L"", true},
-        {L"{ee09b103*", L"{EE09B103-97E0-11CF-978F-00A02463E06F}", true},
+        {L"*a*b*c", L"xaxxbxxcxc", true},              {L"*a*b*c", L"xaxxbxxcx", false},
+        {L"*", L"", true},                              {L"{ee09b103*", L"{EE09B103-97E0-11CF-978F-00A02463E06F}", true},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(std::wstring(row.pattern) + L" ~ " + row.text);
-        EXPECT_EQ(Tool::MatchesClassPattern(row.pattern, row.text), row.matches);
-    }
+    for (const auto& row : rows)
+        EXPECT_EQ(Tool::MatchesClassPattern(row.pattern, row.text), row.matches) << std::wstring(row.pattern) << L" ~ " << row.text;
 }
 
 }  // namespace

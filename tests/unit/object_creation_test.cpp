@@ -22,14 +22,11 @@ struct Row {
     bool dcom;
     const char* identity;
     bool withParams;
-    const wchar_t* hostDefault;
-    const wchar_t* userDefault;
+    const wchar_t *hostDefault, *userDefault;
     DWORD context;
     bool serverInfo;
-    const wchar_t* serverName;  // null: no name
-    const wchar_t* user;        // null: no credentials
-    const wchar_t* password;
-    const wchar_t* domain;
+    const wchar_t* serverName;                 // null: no name
+    const wchar_t *user, *password, *domain;  // null user: no credentials
 };
 
 TEST(ActivationTest, DecisionTable)
@@ -81,12 +78,10 @@ TEST(ActivationTest, DecisionTable)
         }
         const COAUTHINFO* auth = activation.server.pAuthInfo;
         ASSERT_NE(auth, nullptr);
-        EXPECT_EQ(auth->dwAuthnSvc, 10u);
-        EXPECT_EQ(auth->dwAuthzSvc, 0u);
-        EXPECT_EQ(auth->pwszServerPrincName, nullptr);
-        EXPECT_EQ(auth->dwAuthnLevel, 0u);
+        EXPECT_EQ(auth->dwAuthnSvc, 10u);  // NTLM, impersonating, the rest left to the defaults
         EXPECT_EQ(auth->dwImpersonationLevel, 3u);
-        EXPECT_EQ(auth->dwCapabilities, 0u);
+        EXPECT_EQ(auth->dwAuthzSvc + auth->dwAuthnLevel + auth->dwCapabilities, 0u);
+        EXPECT_EQ(auth->pwszServerPrincName, nullptr);
         const COAUTHIDENTITY* id = auth->pAuthIdentityData;
         ASSERT_NE(id, nullptr);
         EXPECT_EQ(id->Flags, 2u);
