@@ -125,6 +125,9 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
             EXPECT_EQ(RefCount(held), 1u);
             EXPECT_EQ(server.LiveObjects(), base);
         }
+        // A result nobody asks for is let go at once.
+        EXPECT_EQ(Call(handler, L"Invoke:MakeChild", {}, false).status, MetaStatusOk);
+        EXPECT_EQ(server.LiveObjects(), base);
     });
 }
 

@@ -3,63 +3,23 @@
 
 #include <windows.h>
 #include <oleauto.h>
-#include <olectl.h>
 
 // The identifiers of the library are defined here, once.
 #include <initguid.h>
 
 #include "array_fixture.h"  // widl's header of array_fixture.idl
 
-#include <cwchar>
-#include <string>
-
-#include "platform/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
-#include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"
-
-using MetaObj::ComPtr;
-using MetaObj::RegKey;
 
 namespace {
 
 constexpr LONG kGrowExtra = 99;
 volatile LONG g_live = 0;
 
-template <typename Interface>
-class CArrayDispatch : public CDualDispatch<Interface> {
+class CArrayChild : public CCountedDual<IArrayFixtureChild> {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, __uuidof(Interface))) {
-            *out = static_cast<Interface*>(this);
-            this->AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG left = InterlockedDecrement(&references);
-        if (left == 0)
-            delete this;
-        return left;
-    }
-protected:
-    CArrayDispatch() : CDualDispatch<Interface>(kArrayLibraryResource) { InterlockedIncrement(&g_live); }
-    virtual ~CArrayDispatch() { InterlockedDecrement(&g_live); }
-
-private:
-    volatile LONG references = 1;
-};
-
-class CArrayChild : public CArrayDispatch<IArrayFixtureChild> {
-public:
-    explicit CArrayChild(LONG id) : id(id) {}
+    explicit CArrayChild(LONG id) : CCountedDual(kArrayLibraryResource, g_live), id(id) {}
     HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override
     {
         *value = id;
@@ -76,8 +36,9 @@ void* ValueOf(VARIANT& value)
     return &value.bVal;
 }
 
-class CArrayFixture : public CArrayDispatch<IArrayFixture> {
+class CArrayFixture : public CCountedDual<IArrayFixture> {
 public:
+    CArrayFixture() : CCountedDual(kArrayLibraryResource, g_live) {}
     HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
 
     HRESULT STDMETHODCALLTYPE Sum(SAFEARRAY* values, double* total) override

@@ -1,10 +1,10 @@
 // An in-process server file with its type libraries. TYPELIB resource 1 is the
 // catalogue fixture library, which nothing registers: the tests of the
 // server-file road rely on that. Resources 2 to 5 are the libraries of the
-// call, array, collection and hostile fixtures, whose classes this file serves and
-// registers.
+// call, array, collection and hostile fixtures, whose classes this file serves
+// and registers.
 
-#include "array_fixture.h"       // widl's headers of the three libraries
+#include "array_fixture.h"  // widl's headers of the libraries
 #include "call_fixture.h"
 #include "collection_fixture.h"
 #include "hostile_fixture.h"
@@ -29,6 +29,7 @@ using MetaObj::RegKey;
 namespace {
 
 using CreateFn = HRESULT (*)(REFIID iid, void** out);
+volatile LONG g_serverLocks = 0;
 
 // One static object a class; its references are locks on the server.
 class CFixtureFactory : public IClassFactory {
@@ -47,16 +48,8 @@ public:
         *out = nullptr;
         return E_NOINTERFACE;
     }
-    ULONG STDMETHODCALLTYPE AddRef() override
-    {
-        LockFixtureServer(true);
-        return 2;
-    }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LockFixtureServer(false);
-        return 1;
-    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&g_serverLocks), 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&g_serverLocks), 1; }
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
     {
         if (out == nullptr)
@@ -68,7 +61,7 @@ public:
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
     {
-        LockFixtureServer(lock != FALSE);
+        lock ? AddRef() : Release();
         return S_OK;
     }
 
@@ -186,13 +179,16 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
+// Objects of the fixture alive now: after a scenario that freed everything it
+// made, this is back where it started.
+__declspec(dllexport) LONG __stdcall FixtureLiveObjects()
+{
+    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
+}
+
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
-    return LiveFixtureObjects() == 0 && LiveCollectionObjects() == 0 && LiveArrayFixtureObjects() == 0 &&
-                   LiveHostileObjects() == 0 &&
-                   !FixtureServerLocked()
-               ? S_OK
-               : S_FALSE;
+    return FixtureLiveObjects() == 0 && g_serverLocks == 0 ? S_OK : S_FALSE;
 }
 
 // The libraries of resources 2 to 5; the catalogue library of resource 1
@@ -221,11 +217,5 @@ __declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
     return S_OK;
 }
 
-// Objects of the fixture alive now: after a scenario that freed everything it
-// made, this is back where it started.
-__declspec(dllexport) LONG __stdcall FixtureLiveObjects()
-{
-    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
-}
 
 }  // extern "C"
