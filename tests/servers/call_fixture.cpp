@@ -32,7 +32,6 @@ namespace {
 
 volatile LONG g_liveObjects = 0;
 volatile LONG g_lastChildId = 0;
-LONG g_shapeTarget = 1234;  // what the VT_I4|VT_BYREF result of Shape points at
 
 // FixturePoint's identifier; widl declares none for a record.
 constexpr GUID kPointType = {0x5B7E2C40, 0x8D31, 0x4F6A, {0xB0, 0xC9, 0x3E, 0x1D, 0x7A, 0x2F, 0x6C, 0x03}};
@@ -177,44 +176,12 @@ HRESULT MakePointVariant(LONG x, LONG y, VARIANT* value)
 HRESULT MakeShape(LONG which, VARIANT* value)
 {
     std::memset(value, 0, sizeof *value);
-    const VARTYPE types[ShapeRowCount] = {VT_EMPTY,    VT_NULL,     VT_I8,    VT_BOOL, VT_I4 | VT_BYREF, VT_DISPATCH,
-                                          VT_DECIMAL, VT_UNKNOWN, VT_ERROR, VT_DATE, VT_CY,            VT_RECORD};
+    const VARTYPE types[ShapeRowCount] = {VT_EMPTY, VT_NULL, VT_I8, VT_BOOL, VT_UNKNOWN, VT_ERROR};
     if (which < 0 || which >= ShapeRowCount)
         return E_INVALIDARG;
     V_VT(value) = types[which];
-    switch (which) {
-    case ShapeI8:
-        V_I8(value) = kShapeI8;
-        return S_OK;
-    case ShapeBoolOne:
-        V_BOOL(value) = 1;
-        return S_OK;
-    case ShapeI4ByRef:
-        V_I4REF(value) = &g_shapeTarget;
-        return S_OK;
-    case ShapeDecimal: {
-        DECIMAL decimal;
-        const HRESULT hr = VarDecFromR8(12.5, &decimal);
-        V_DECIMAL(value) = decimal;  // sets the type word as well
-        V_VT(value) = VT_DECIMAL;
-        return hr;
-    }
-    case ShapeUnknown:
-        return CCallFixtureChild::Create(&V_UNKNOWN(value));
-    case ShapeError:
-        V_ERROR(value) = kShapeError;
-        return S_OK;
-    case ShapeDate:
-        V_DATE(value) = kOutDate;
-        return S_OK;
-    case ShapeCy:
-        V_CY(value).int64 = kOutCy;
-        return S_OK;
-    case ShapeRecord:
-        return MakePointVariant(kPointX, kPointY, value);
-    default:
-        return S_OK;
-    }
+    V_I8(value) = which == ShapeI8 ? kShapeI8 : which == ShapeBoolOne ? 1 : which == ShapeError ? kShapeError : 0;
+    return which == ShapeUnknown ? CCallFixtureChild::Create(&V_UNKNOWN(value)) : S_OK;
 }
 
 template <typename Object>
@@ -247,10 +214,30 @@ CY Currency(LONGLONG units)
     return amount;
 }
 
+template <typename Value>
+HRESULT Set(Value* cell, Value value)
+{
+    *cell = value;
+    return S_OK;
+}
+
+HRESULT NewText(const wchar_t* text, UINT length, BSTR* out)
+{
+    *out = SysAllocStringLen(text, length);
+    return *out ? S_OK : E_OUTOFMEMORY;
+}
+
 HRESULT AppendMark(BSTR* text)
 {
     const std::wstring changed = std::wstring(*text ? *text : L"") + L"!";
     return SysReAllocString(text, changed.c_str()) ? S_OK : E_OUTOFMEMORY;
+}
+
+// A VARIANT's text, with the mark appended.
+HRESULT AppendMark(VARIANT* value)
+{
+    const HRESULT hr = VariantChangeType(value, value, 0, VT_BSTR);
+    return FAILED(hr) ? hr : AppendMark(&V_BSTR(value));
 }
 
 class CCallFixture : public CCountedDual<ICallFixture>, public ISupportErrorInfo {
@@ -390,72 +377,34 @@ public:
     HRESULT STDMETHODCALLTYPE MakePoint(LONG, LONG, FixturePoint*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE Shape(LONG, VARIANT*) override { return E_UNEXPECTED; }
 
-#define FIXTURE_MEMBERS(Suffix, Type, Change, OutValue)                        \
-    HRESULT STDMETHODCALLTYPE Echo##Suffix(Type value, Type* result) override \
-    {                                                                          \
-        *result = value;                                                       \
-        return S_OK;                                                           \
-    }                                                                          \
-    HRESULT STDMETHODCALLTYPE Ref##Suffix(Type* value) override                \
-    {                                                                          \
-        Change;                                                                \
-        return S_OK;                                                           \
-    }                                                                          \
-    HRESULT STDMETHODCALLTYPE Out##Suffix(Type* value) override                \
-    {                                                                          \
-        *value = OutValue;                                                     \
-        return S_OK;                                                           \
-    }
+// Echo gives the value back, Ref changes it visibly, Out writes a known value.
+#define FIXTURE_MEMBERS(Suffix, Type, echo, change, out)                                                \
+    HRESULT STDMETHODCALLTYPE Echo##Suffix(Type value, Type* result) override { return echo; }        \
+    HRESULT STDMETHODCALLTYPE Ref##Suffix(Type* value) override { return change; }                   \
+    HRESULT STDMETHODCALLTYPE Out##Suffix(Type* value) override { return out; }
+#define NUMBER_MEMBERS(Suffix, Type, out) \
+    FIXTURE_MEMBERS(Suffix, Type, Set(result, value), Set(value, Type(*value + 1)), Set(value, Type(out)))
 
-    FIXTURE_MEMBERS(I1, char, ++*value, kOutNumber)
-    FIXTURE_MEMBERS(I2, short, ++*value, kOutNumber)
-    FIXTURE_MEMBERS(I4, LONG, ++*value, kOutNumber)
-    FIXTURE_MEMBERS(R4, float, ++*value, kOutNumber)
-    FIXTURE_MEMBERS(R8, double, ++*value, kOutR8)
-    FIXTURE_MEMBERS(Date, DATE, ++*value, kOutDate)
-    FIXTURE_MEMBERS(Cy, CY, value->int64 += 10000, Currency(kOutCy))
-    FIXTURE_MEMBERS(Bool, VARIANT_BOOL, *value = *value ? VARIANT_FALSE : VARIANT_TRUE, VARIANT_TRUE)
-    FIXTURE_MEMBERS(Colour, FixtureColour, *value = *value == Red ? Green : *value == Green ? Blue : Red, Blue)
-#undef FIXTURE_MEMBERS
-
-    HRESULT STDMETHODCALLTYPE EchoBstr(BSTR value, BSTR* result) override
-    {
-        *result = SysAllocStringLen(value, SysStringLen(value));
-        return *result ? S_OK : E_OUTOFMEMORY;
-    }
-    HRESULT STDMETHODCALLTYPE RefBstr(BSTR* value) override { return AppendMark(value); }
+    NUMBER_MEMBERS(I1, char, kOutNumber)
+    NUMBER_MEMBERS(I2, short, kOutNumber)
+    NUMBER_MEMBERS(I4, LONG, kOutNumber)
+    NUMBER_MEMBERS(R4, float, kOutNumber)
+    NUMBER_MEMBERS(R8, double, kOutR8)
+    NUMBER_MEMBERS(Date, DATE, kOutDate)
+    FIXTURE_MEMBERS(Cy, CY, Set(result, value), Set(value, Currency(value->int64 + 10000)), Set(value, Currency(kOutCy)))
+    FIXTURE_MEMBERS(Bool, VARIANT_BOOL, Set(result, value), Set(value, VARIANT_BOOL(*value ? VARIANT_FALSE : VARIANT_TRUE)),
+                    Set(value, VARIANT_BOOL(VARIANT_TRUE)))
+    FIXTURE_MEMBERS(Colour, FixtureColour, Set(result, value),
+                    Set(value, *value == Red ? Green : *value == Green ? Blue : Red), Set(value, Blue))
     // An [out] value comes in undefined: it is written over, never freed.
-    HRESULT STDMETHODCALLTYPE OutBstr(BSTR* value) override
-    {
-        *value = SysAllocString(kOutBstr);
-        return *value ? S_OK : E_OUTOFMEMORY;
-    }
-    HRESULT STDMETHODCALLTYPE EchoVariant(VARIANT value, VARIANT* result) override
-    {
-        VariantInit(result);
-        return VariantCopy(result, &value);
-    }
-    HRESULT STDMETHODCALLTYPE RefVariant(VARIANT* value) override
-    {
-        HRESULT hr = VariantChangeType(value, value, 0, VT_BSTR);
-        return FAILED(hr) ? hr : AppendMark(&V_BSTR(value));
-    }
-    HRESULT STDMETHODCALLTYPE OutVariant(VARIANT* value) override
-    {
-        VariantInit(value);
-        V_VT(value) = VT_I4;
-        V_I4(value) = kOutVariant;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE EchoDispatch(IDispatch* value, IDispatch** result) override
-    {
-        return Echo(value, result);
-    }
-    HRESULT STDMETHODCALLTYPE RefDispatch(IDispatch** value) override { return Replace(value); }
-    HRESULT STDMETHODCALLTYPE OutDispatch(IDispatch** value) override { return CCallFixtureChild::Create(value); }
-    HRESULT STDMETHODCALLTYPE EchoUnknown(IUnknown* value, IUnknown** result) override { return Echo(value, result); }
-    HRESULT STDMETHODCALLTYPE RefUnknown(IUnknown** value) override { return Replace(value); }
-    HRESULT STDMETHODCALLTYPE OutUnknown(IUnknown** value) override { return CCallFixtureChild::Create(value); }
+    FIXTURE_MEMBERS(Bstr, BSTR, NewText(value, SysStringLen(value), result), AppendMark(value),
+                    NewText(kOutBstr, static_cast<UINT>(wcslen(kOutBstr)), value))
+    FIXTURE_MEMBERS(Variant, VARIANT, (VariantInit(result), VariantCopy(result, &value)), AppendMark(value),
+                    (VariantInit(value), V_VT(value) = VT_I4, V_I4(value) = kOutVariant, S_OK))
+    FIXTURE_MEMBERS(Dispatch, IDispatch*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
+    FIXTURE_MEMBERS(Unknown, IUnknown*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
+#undef NUMBER_MEMBERS
+#undef FIXTURE_MEMBERS
 
 private:
     void* QueryMore(REFIID iid) override

@@ -13,13 +13,13 @@ constexpr char kClassId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C20}";
 constexpr char kPointTypeId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C03}";
 
 // What the Out members write: each number type's kOutNumber, a boolean true,
-// kOutBstr, currency kOutCy, date kOutDate, a VARIANT holding VT_I4
+// kOutBstr, currency kOutCy, date kOutDate (18:00), a VARIANT holding VT_I4
 // kOutVariant, colour Blue, and a new child object.
 constexpr std::int32_t kOutNumber = -5;
 constexpr double kOutR8 = kOutNumber;
 constexpr wchar_t kOutBstr[] = L"out text";
 constexpr std::int64_t kOutCy = 123400;  // 12.34 in units of 1/10000
-constexpr double kOutDate = 45351.75;    // 29 February 2024, 18:00
+constexpr double kOutDate = 45351.75;    // 29 February 2024
 constexpr std::int32_t kOutVariant = -7;
 
 // The Ref members: numbers, currency and dates (by a day) go up by 1, a
@@ -31,22 +31,14 @@ constexpr std::int32_t kOutVariant = -7;
 enum ShapeRow : std::int32_t {
     ShapeEmpty,
     ShapeNull,
-    ShapeI8,           // kShapeI8
-    ShapeBoolOne,      // VT_BOOL holding 1, which is not VARIANT_TRUE
-    ShapeI4ByRef,      // points at a static of the server
-    ShapeNullDispatch,
-    ShapeDecimal,      // 12.5
-    ShapeUnknown,      // a new child as IUnknown
-    ShapeError,        // kShapeError
-    ShapeDate,         // kOutDate
-    ShapeCy,           // kOutCy
-    ShapeRecord,       // a FixturePoint {kPointX, kPointY}
+    ShapeI8,       // kShapeI8
+    ShapeBoolOne,  // VT_BOOL holding 1, which is not VARIANT_TRUE
+    ShapeUnknown,  // a new child as IUnknown
+    ShapeError,    // kShapeError
     ShapeRowCount
 };
 constexpr std::int64_t kShapeI8 = 0x100000005LL;  // low half 5
 constexpr std::int32_t kShapeError = static_cast<std::int32_t>(0x80070057);  // E_INVALIDARG
-constexpr std::int32_t kPointX = 3;
-constexpr std::int32_t kPointY = 4;
 
 // The failing members' texts. FailWithGarbage writes into its out cells first.
 constexpr wchar_t kGarbageSource[] = L"CallFixture.FailWithGarbage";

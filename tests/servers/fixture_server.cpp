@@ -24,7 +24,6 @@
 #include "tests/servers/hostile_fixture_values.h"
 
 using MetaObj::ComPtr;
-using MetaObj::RegKey;
 
 namespace {
 
@@ -107,17 +106,6 @@ std::wstring GuidText(REFGUID guid)
     return text;
 }
 
-bool WriteClassesValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
-{
-    RegKey key;
-    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-        return false;
-    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
-    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
-           ERROR_SUCCESS;
-}
-
 std::wstring ClassKey(const FixtureClass& fixture)
 {
     return L"CLSID\\" + GuidText(fixture.classId);
@@ -143,7 +131,9 @@ HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
         {progId + L"\\CLSID", nullptr, GuidText(fixture.classId)},
     };
     for (const auto& row : rows) {
-        if (!WriteClassesValue(row.path, row.name, row.value))
+        const auto bytes = static_cast<DWORD>((row.value.size() + 1) * sizeof(wchar_t));
+        if (RegSetKeyValueW(HKEY_CLASSES_ROOT, row.path.c_str(), row.name, REG_SZ, row.value.c_str(), bytes) !=
+            ERROR_SUCCESS)
             return SELFREG_E_CLASS;
     }
     wchar_t libraryPath[MAX_PATH + 12];
