@@ -66,21 +66,6 @@ std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, 
 
 class ArrayCallTest : public CallTest {
 protected:
-    // A VBScript engine with the code added, for Eval of its functions.
-    void WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body)
-    {
-        WithObject("COM://MSScriptControl.ScriptControl", [&](CMetaObjectCOMHandler& control) {
-            const Param language = Text(L"VBScript"), text = Text(code);
-            ASSERT_EQ(Call(control, L"Set:Language", {language.get()}).status, MetaStatusOk);
-            ASSERT_EQ(Call(control, L"Invoke:AddCode", {text.get()}).status, MetaStatusOk);
-            body(control);
-        });
-    }
-    Outcome Eval(CMetaObjectCOMHandler& control, const wchar_t* expression)
-    {
-        const Param text = Text(expression);
-        return Call(control, L"Invoke:Eval", {text.get()});
-    }
     std::int32_t Live(CMetaObjectCOMHandler& fixture)
     {
         const Outcome live = Call(fixture, L"Get:Live");

@@ -85,8 +85,10 @@ protected:
     // module initialised COM.
     void WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,
                     MetaObj::CObjectOpenParams* params = nullptr);
-    // The same on a new call fixture.
+    // The same on a new call fixture, and on a VBScript engine with the code added.
     void WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body);
+    void WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body);
+    Outcome Eval(CMetaObjectCOMHandler& control, const wchar_t* expression);
 
     // CreateMethodInvoke, SetInvokeParams, ExecuteInvoke, FreeMethodInvoke.
     // The items stay the caller's. With wantResult false, ExecuteInvoke gets

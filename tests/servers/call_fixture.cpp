@@ -48,14 +48,9 @@ struct VariantOwner {
     VARIANT value;
 };
 
-class Guard {
-public:
+struct Guard {
     explicit Guard(SRWLOCK& lock) : lock(lock) { AcquireSRWLockExclusive(&lock); }
     ~Guard() { ReleaseSRWLockExclusive(&lock); }
-    Guard(const Guard&) = delete;
-    Guard& operator=(const Guard&) = delete;
-
-private:
     SRWLOCK& lock;
 };
 
@@ -116,10 +111,7 @@ HRESULT STDMETHODCALLTYPE FillInSucceeds(EXCEPINFO* exception)
     return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE FillInFails(EXCEPINFO*)
-{
-    return E_FAIL;
-}
+HRESULT STDMETHODCALLTYPE FillInFails(EXCEPINFO*) { return E_FAIL; }
 
 class CCallFixtureChild : public CCountedDual<ICallFixtureChild> {
 public:
