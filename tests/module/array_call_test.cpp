@@ -96,12 +96,6 @@ TEST_F(ArrayCallTest, ArraysVBScriptBuildsComeWithTheirShape)
                L"  Dim a(1, 2)\n"
                L"  For i = 0 To 1 : For j = 0 To 2 : a(i, j) = i * 10 + j : Next : Next\n"
                L"  Two = a\n"
-               L"End Function\n"
-               L"Function Three()\n"
-               L"  Dim a(1, 1, 2)\n"
-               L"  For i = 0 To 1 : For j = 0 To 1 : For k = 0 To 2 : a(i, j, k) = i * 100 + j * 10 + k\n"
-               L"  Next : Next : Next\n"
-               L"  Three = a\n"
                L"End Function\n",
                [&](CMetaObjectCOMHandler& control) {
                    const struct {
@@ -110,9 +104,6 @@ TEST_F(ArrayCallTest, ArraysVBScriptBuildsComeWithTheirShape)
                        std::vector<std::string> texts;  // in the order of the walk
                    } rows[] = {
                        {L"Two()", {{0, 2}, {0, 3}}, {"0", "1", "2", "10", "11", "12"}},
-                       {L"Three()",
-                        {{0, 2}, {0, 2}, {0, 3}},
-                        {"0", "1", "2", "10", "11", "12", "100", "101", "102", "110", "111", "112"}},
                        {L"Array(1, \"two\", 3.5)", {{0, 3}}, {"1", "two", "3.500000"}},
                        {L"Array()", {{0, 0}}, {}},  // one dimension of no elements: upper bound -1
                    };
@@ -172,10 +163,12 @@ TEST_F(ArrayCallTest, EveryElementTypeComesFromTheFixtureAndGoesBack)
             const wchar_t* signature;
             const char* third;  // the text of element 2
         } rows[] = {
-            {VT_I1, L"VT_I1|VT_ARRAY", nullptr}, {VT_UI1, L"VT_UI1|VT_ARRAY", nullptr}, {VT_I2, L"VT_I2|VT_ARRAY", "2"},
-            {VT_UI2, L"VT_UI2|VT_ARRAY", "2"},  {VT_I4, L"VT_I4|VT_ARRAY", "2"},     {VT_UI4, L"VT_UI4|VT_ARRAY", "2"},
-            {VT_R4, L"VT_R4|VT_ARRAY", nullptr}, {VT_R8, L"VT_R8|VT_ARRAY", nullptr},  {VT_BOOL, L"VT_BOOL|VT_ARRAY", nullptr},
-            {VT_BSTR, L"VT_BSTR|VT_ARRAY", "2"}, {VT_CY, L"VT_CY|VT_ARRAY", "2"},     {VT_DATE, L"VT_DATE|VT_ARRAY", nullptr},
+            {VT_I1, L"VT_I1|VT_ARRAY", "\x02"},       {VT_UI1, L"VT_UI1|VT_ARRAY", "\x02"},
+            {VT_I2, L"VT_I2|VT_ARRAY", "2"},          {VT_UI2, L"VT_UI2|VT_ARRAY", "2"},
+            {VT_I4, L"VT_I4|VT_ARRAY", "2"},          {VT_UI4, L"VT_UI4|VT_ARRAY", "2"},
+            {VT_R4, L"VT_R4|VT_ARRAY", "2.000000"},   {VT_R8, L"VT_R8|VT_ARRAY", "2.000000"},
+            {VT_BOOL, L"VT_BOOL|VT_ARRAY", "true"},   {VT_BSTR, L"VT_BSTR|VT_ARRAY", "2"},
+            {VT_CY, L"VT_CY|VT_ARRAY", "2"},          {VT_DATE, L"VT_DATE|VT_ARRAY", nullptr},
             {VT_VARIANT, L"VT_VARIANT|VT_ARRAY", "2"}, {VT_DISPATCH, L"VT_DISPATCH|VT_ARRAY", nullptr},
         };
         for (const auto& row : rows) {

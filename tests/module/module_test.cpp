@@ -28,7 +28,7 @@ TEST_F(ModuleTest, AnswersBeforeInitialisation)
 // stays as the thread had it and the record stays empty.
 TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
 {
-    for (DWORD apartment : {0ul, static_cast<DWORD>(COINIT_APARTMENTTHREADED), static_cast<DWORD>(COINIT_MULTITHREADED)}) {
+    for (DWORD apartment : {0ul, DWORD{COINIT_APARTMENTTHREADED}, DWORD{COINIT_MULTITHREADED}}) {
         SCOPED_TRACE(apartment);
         RunOnThread([&] {
             if (apartment == 0) {

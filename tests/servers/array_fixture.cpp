@@ -30,11 +30,6 @@ private:
     LONG id;
 };
 
-// The element's address in a VARIANT of its type: the union starts there.
-void* ValueOf(VARIANT& value)
-{
-    return &value.bVal;
-}
 
 class CArrayFixture : public CCountedDual<IArrayFixture> {
 public:
@@ -78,8 +73,10 @@ public:
             } else {
                 VARIANT converted;
                 VariantInit(&converted);
+                // The element's address in a VARIANT of its type: the union starts there.
                 if (SUCCEEDED(VariantChangeType(&converted, &number, 0, static_cast<VARTYPE>(type))))
-                    SafeArrayPutElement(array, &at, type == VT_BSTR ? converted.bstrVal : ValueOf(converted));
+                    SafeArrayPutElement(array, &at,
+                                        type == VT_BSTR ? static_cast<void*>(converted.bstrVal) : &converted.bVal);
                 VariantClear(&converted);
             }
         }
@@ -92,14 +89,10 @@ public:
     {
         SAFEARRAYBOUND bounds[] = {{2, -1}, {3, 0}, {2, 5}};
         SAFEARRAY* array = SafeArrayCreate(VT_I4, 3, bounds);
-        for (LONG i = -1; i <= 0; ++i) {
-            for (LONG j = 0; j <= 2; ++j) {
-                for (LONG k = 5; k <= 6; ++k) {
-                    LONG index[] = {i, j, k};
-                    LONG value = i * 100 + j * 10 + k;
-                    SafeArrayPutElement(array, index, &value);
-                }
-            }
+        for (LONG at = 0; at < 12; ++at) {
+            LONG index[] = {-1 + at / 6, at / 2 % 3, 5 + at % 2};
+            LONG value = index[0] * 100 + index[1] * 10 + index[2];
+            SafeArrayPutElement(array, index, &value);
         }
         result->vt = VT_ARRAY | VT_I4;
         result->parray = array;

@@ -383,9 +383,10 @@ public:
     NUMBER_MEMBERS(R4, float, kOutNumber)
     NUMBER_MEMBERS(R8, double, kOutR8)
     NUMBER_MEMBERS(Date, DATE, kOutDate)
-    FIXTURE_MEMBERS(Cy, CY, Set(result, value), Set(value, Currency(value->int64 + 10000)), Set(value, Currency(kOutCy)))
-    FIXTURE_MEMBERS(Bool, VARIANT_BOOL, Set(result, value), Set(value, VARIANT_BOOL(*value ? VARIANT_FALSE : VARIANT_TRUE)),
-                    Set(value, VARIANT_BOOL(VARIANT_TRUE)))
+    FIXTURE_MEMBERS(Cy, CY, Set(result, value), Set(value, Currency(value->int64 + 10000)),
+                    Set(value, Currency(kOutCy)))
+    FIXTURE_MEMBERS(Bool, VARIANT_BOOL, Set(result, value),
+                    Set(value, VARIANT_BOOL(*value ? VARIANT_FALSE : VARIANT_TRUE)), Set(value, VARIANT_BOOL(-1)))
     FIXTURE_MEMBERS(Colour, FixtureColour, Set(result, value),
                     Set(value, *value == Red ? Green : *value == Green ? Blue : Red), Set(value, Blue))
     // An [out] value comes in undefined: it is written over, never freed.
