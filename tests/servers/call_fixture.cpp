@@ -232,20 +232,9 @@ HRESULT AppendMark(VARIANT* value)
     return FAILED(hr) ? hr : AppendMark(&V_BSTR(value));
 }
 
-class CCallFixture : public CCountedDual<ICallFixture>, public ISupportErrorInfo {
+class CCallFixture : public CCountedDual<ICallFixture> {
 public:
     CCallFixture() : CCountedDual(kCallLibraryResource, g_liveObjects) {}
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        return CCountedDual::QueryInterface(iid, out);
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return CCountedDual::AddRef(); }
-    ULONG STDMETHODCALLTYPE Release() override { return CCountedDual::Release(); }
-    HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID iid) override
-    {
-        return IsEqualIID(iid, IID_ICallFixture) ? S_OK : S_FALSE;
-    }
 
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID locale, WORD flags, DISPPARAMS* params,
                                      VARIANT* result, EXCEPINFO* exception, UINT* argumentError) override
@@ -400,11 +389,6 @@ public:
 #undef FIXTURE_MEMBERS
 
 private:
-    void* QueryMore(REFIID iid) override
-    {
-        return IsEqualIID(iid, IID_ISupportErrorInfo) ? static_cast<ISupportErrorInfo*>(this) : nullptr;
-    }
-
     HRESULT Keep(ComPtr<IDispatch>& slot, IDispatch* object)
     {
         if (object)

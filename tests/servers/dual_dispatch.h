@@ -75,7 +75,6 @@ protected:
 };
 
 // IUnknown with a true count; live counts the objects of a fixture alive now.
-// QueryMore answers interfaces beyond the dual one.
 template <typename Interface>
 class CCountedDual : public CDualDispatch<Interface> {
 public:
@@ -86,11 +85,10 @@ public:
     {
         if (out == nullptr)
             return E_POINTER;
-        const bool own = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ||
-                         IsEqualIID(iid, __uuidof(Interface));
-        *out = own ? static_cast<Interface*>(this) : QueryMore(iid);
-        if (*out == nullptr)
+        *out = nullptr;
+        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) && !IsEqualIID(iid, __uuidof(Interface)))
             return E_NOINTERFACE;
+        *out = static_cast<Interface*>(this);
         this->AddRef();
         return S_OK;
     }
@@ -109,7 +107,6 @@ protected:
         InterlockedIncrement(&live);
     }
     virtual ~CCountedDual() { InterlockedDecrement(&live); }
-    virtual void* QueryMore(REFIID) { return nullptr; }
 
 private:
     volatile LONG& live;
