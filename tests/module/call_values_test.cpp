@@ -84,6 +84,13 @@ TEST_F(CallValuesTest, OutAndInOutParametersAreWrittenBack)
          45351.0},
         {"out VARIANT as text", L"Invoke:OutVariant", [] { return ByRef(Text(L"stale", L"VT_VARIANT"), kOut); },
          L"-7"},
+        {"out VARIANT read back as the flag that went", L"Invoke:OutVariant",
+         [] {
+             Param flag = Bool(0);
+             flag->GetTypeDesc().signature = CMetaString(L"VT_VARIANT");
+             return ByRef(std::move(flag), kOut);
+         },
+         L"true"},
         {"out enumeration", L"Invoke:OutColour", [] { return ByRef(Colour(1), kOut); }, L"7"},
     };
     WithFixture([&](CMetaObjectCOMHandler& handler) {

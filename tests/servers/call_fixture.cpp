@@ -382,7 +382,7 @@ public:
     FIXTURE_MEMBERS(Bstr, BSTR, NewText(value, SysStringLen(value), result), AppendMark(value),
                     NewText(kOutBstr, static_cast<UINT>(wcslen(kOutBstr)), value))
     FIXTURE_MEMBERS(Variant, VARIANT, (VariantInit(result), VariantCopy(result, &value)), AppendMark(value),
-                    (VariantInit(value), V_VT(value) = VT_I4, V_I4(value) = kOutVariant, S_OK))
+                    (VariantInit(value), V_VT(value) = VT_I8, V_I8(value) = kOutVariant, S_OK))
     FIXTURE_MEMBERS(Dispatch, IDispatch*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
     FIXTURE_MEMBERS(Unknown, IUnknown*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
 #undef NUMBER_MEMBERS

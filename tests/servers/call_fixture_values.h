@@ -13,7 +13,7 @@ constexpr char kClassId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C20}";
 constexpr char kPointTypeId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C03}";
 
 // What the Out members write: each number type's kOutNumber, a boolean true,
-// kOutBstr, currency kOutCy, date kOutDate (18:00), a VARIANT holding VT_I4
+// kOutBstr, currency kOutCy, date kOutDate (18:00), a VARIANT holding VT_I8
 // kOutVariant, colour Blue, and a new child object.
 constexpr std::int32_t kOutNumber = -5;
 constexpr double kOutR8 = kOutNumber;
