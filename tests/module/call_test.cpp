@@ -256,9 +256,9 @@ TEST_F(CallStatusTest, ParametersAddUpAndACallRunsAgain)
         Result sum(result, ResultDeleter{&handler});
         ASSERT_NE(dynamic_cast<CMetaObjectInt*>(sum.get()), nullptr);
         EXPECT_EQ(static_cast<CMetaObjectInt*>(sum.get())->value, 1 + 3 + 2 + 1000);
-        handler.FreeMethodInvoke(&slot);
 
-        // The same call object again reads its items again.
+        // A new call in a used slot frees the old one; a call object run again
+        // reads its items again.
         const Param counter = ByRef(Int(1), kInOut);
         ASSERT_EQ(handler.CreateMethodInvoke(&slot, CMetaString(L"Invoke:RefI4")), MetaStatusOk);
         CItemList one{counter.get()};

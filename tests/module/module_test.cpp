@@ -1,6 +1,7 @@
 // The module as a host meets it: loaded by file name, driven through its
-// exports; and error texts through a copy of the module that counts its heap
-// blocks: a thread's map lives as long as the thread, and its end frees all of it.
+// exports; and through a copy of the module that counts its heap blocks, what
+// it frees: a thread's error texts live as long as the thread, and a call
+// object lives as long as its slot holds it.
 
 #include <objbase.h>
 
@@ -133,7 +134,7 @@ TEST_F(ModuleTest, AHandlerReleasesItsObjectOnceWhenItCloses)
 using LiveAllocationsFn = LONG (*)();
 using SetErrorTextFn = void (*)(const CMetaObjectHandler*, const char*);
 
-class ErrorTextTest : public ModuleTest {
+class ProbeTest : public ModuleTest {
 protected:
     void SetUp() override
     {
@@ -151,7 +152,7 @@ protected:
     SetErrorTextFn setErrorText = nullptr;
 };
 
-TEST_F(ErrorTextTest, AThreadsEndFreesItsMap)
+TEST_F(ProbeTest, AThreadsEndFreesItsErrorTexts)
 {
     CMetaObjectHandler* first = module->GetHandlerObject();
     CMetaObjectHandler* second = module->GetHandlerObject();
@@ -189,6 +190,21 @@ TEST_F(ErrorTextTest, AThreadsEndFreesItsMap)
         handler->Release();
         module->FreeHandlerObject(handler);
     }
+}
+
+TEST_F(ProbeTest, ANewCallInAUsedSlotFreesTheOldOne)
+{
+    CMetaObjectHandler* handler = module->GetHandlerObject();
+    CCOMMethodInvoke* slot = nullptr;
+    handler->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
+    handler->FreeMethodInvoke(&slot);
+    const LONG before = liveAllocations();
+    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
+        EXPECT_EQ(handler->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
+    handler->FreeMethodInvoke(&slot);
+    EXPECT_EQ(liveAllocations(), before);
+    handler->Release();
+    module->FreeHandlerObject(handler);
 }
 
 }  // namespace
