@@ -48,6 +48,13 @@ struct VariantOwner {
     VARIANT value;
 };
 
+template <typename Value>
+HRESULT Set(Value* cell, Value value)
+{
+    *cell = value;
+    return S_OK;
+}
+
 struct Guard {
     explicit Guard(SRWLOCK& lock) : lock(lock) { AcquireSRWLockExclusive(&lock); }
     ~Guard() { ReleaseSRWLockExclusive(&lock); }
@@ -124,11 +131,7 @@ public:
             return E_FAIL;
         return child->QueryInterface(__uuidof(Wanted), reinterpret_cast<void**>(out));
     }
-    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override
-    {
-        *value = id;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override { return Set(value, id); }
 
 private:
     CCallFixtureChild()
@@ -204,13 +207,6 @@ CY Currency(LONGLONG units)
     CY amount;
     amount.int64 = units;
     return amount;
-}
-
-template <typename Value>
-HRESULT Set(Value* cell, Value value)
-{
-    *cell = value;
-    return S_OK;
 }
 
 HRESULT NewText(const wchar_t* text, UINT length, BSTR* out)
@@ -304,16 +300,11 @@ public:
         *value = SysAllocString(lastCall.c_str());
         return *value ? S_OK : E_OUTOFMEMORY;
     }
-    HRESULT STDMETHODCALLTYPE get_Number(LONG* value) override
-    {
-        *value = 42;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Number(LONG* value) override { return Set(value, LONG{42}); }
     // a + length of b + c truncated + 1000 if d is true.
     HRESULT STDMETHODCALLTYPE Four(LONG a, BSTR b, double c, VARIANT_BOOL d, LONG* result) override
     {
-        *result = a + static_cast<LONG>(SysStringLen(b)) + static_cast<LONG>(c) + (d ? 1000 : 0);
-        return S_OK;
+        return Set(result, LONG(a + SysStringLen(b) + static_cast<LONG>(c) + (d ? 1000 : 0)));
     }
 
     HRESULT STDMETHODCALLTYPE NotImplemented() override
@@ -330,8 +321,7 @@ public:
     HRESULT STDMETHODCALLTYPE MakeChild(IDispatch** child) override { return CCallFixtureChild::Create(child); }
     HRESULT STDMETHODCALLTYPE NullChild(IDispatch** child) override
     {
-        *child = nullptr;
-        return S_OK;
+        return Set(child, static_cast<IDispatch*>(nullptr));
     }
     HRESULT STDMETHODCALLTYPE ChildId(IDispatch* child, LONG* id) override
     {
