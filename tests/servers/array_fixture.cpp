@@ -157,12 +157,6 @@ public:
         *values = grown;
         return S_OK;
     }
-
-    HRESULT STDMETHODCALLTYPE get_Live(LONG* count) override
-    {
-        *count = g_live;
-        return S_OK;
-    }
 };
 
 }  // namespace
