@@ -93,11 +93,6 @@ const FixtureClass kClasses[] = {
      kHostileLibraryResource, g_hostileFactory},
 };
 
-#ifdef _WIN64
-constexpr SYSKIND kSysKind = SYS_WIN64;
-#else
-constexpr SYSKIND kSysKind = SYS_WIN32;
-#endif
 
 std::wstring GuidText(REFGUID guid)
 {
@@ -106,15 +101,10 @@ std::wstring GuidText(REFGUID guid)
     return text;
 }
 
-std::wstring ClassKey(const FixtureClass& fixture)
-{
-    return L"CLSID\\" + GuidText(fixture.classId);
-}
-
 // The class keys under HKEY_CLASSES_ROOT, and the class's library.
 HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
 {
-    const std::wstring classKey = ClassKey(fixture);
+    const std::wstring classKey = L"CLSID\\" + GuidText(fixture.classId);
     const std::wstring progId = fixture.progId;
     const struct {
         std::wstring path;
@@ -196,16 +186,5 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
     }
     return S_OK;
 }
-
-__declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
-{
-    for (const FixtureClass& fixture : kClasses) {
-        RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey(fixture).c_str());
-        RegDeleteTreeW(HKEY_CLASSES_ROOT, fixture.progId);
-        UnRegisterTypeLib(fixture.libraryId, 1, 0, LOCALE_NEUTRAL, kSysKind);
-    }
-    return S_OK;
-}
-
 
 }  // extern "C"
