@@ -1,5 +1,5 @@
 // Arrays through the module's calls: on platform objects that nobody here wrote
-// (the Dictionary's Items and Keys, arrays that VBScript builds and takes), and
+// (arrays that VBScript builds and takes), and
 // on the array fixture for what those can't show. Shapes and element types on
 // their own are the unit tests'.
 
@@ -66,20 +66,6 @@ std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, 
 
 using ArrayCallTest = CallTest;
 constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
-
-TEST_F(ArrayCallTest, ADictionaryGivesVariantArrays)
-{
-    WithObject("COM://Scripting.Dictionary", [&](CMetaObjectCOMHandler& dictionary) {
-        for (const auto& [key, value] : {std::pair{L"a", L"red"}, std::pair{L"b", L"green"}}) {
-            const Param keyItem = Text(key, L"VT_VARIANT"), valueItem = Text(value, L"VT_VARIANT");
-            ASSERT_EQ(Call(dictionary, L"Invoke:Add", {keyItem.get(), valueItem.get()}).status, MetaStatusOk);
-        }
-        const Outcome items = Call(dictionary, L"Invoke:Items"), keys = Call(dictionary, L"Invoke:Keys");
-        EXPECT_EQ(BoundsOf(*items.result), (Bounds{{0, 2}}));
-        EXPECT_EQ(Texts(items.result.get()), (std::vector<std::string>{"red", "green"}));
-        EXPECT_EQ(Texts(keys.result.get()), (std::vector<std::string>{"a", "b"}));
-    });
-}
 
 // Element values name their indices, so each row also proves the order.
 TEST_F(ArrayCallTest, ArraysVBScriptBuildsComeWithTheirShape)
@@ -212,32 +198,6 @@ TEST_F(ArrayCallTest, FixtureShapesKeepTheirBoundsBothWays)
         const Outcome empty = Call(fixture, L"Invoke:EmptyDimension");
         EXPECT_EQ(BoundsOf(*empty.result), (Bounds{{0, 2}, {0, 0}}));
         EXPECT_EQ(ArrayOf(empty.result).elements, nullptr);
-
-        auto reals = Array(L"VT_R8|VT_ARRAY", {{-1, 2}, {5, 3}});
-        for (std::int32_t at = 0; at < 6; ++at)
-            reals->elements[at] = new CMetaObjectReal(at + 0.5);
-        const Outcome sum = Call(fixture, L"Invoke:Sum", {reals.get()});
-        ASSERT_EQ(sum.status, MetaStatusOk);
-        EXPECT_DOUBLE_EQ(dynamic_cast<CMetaObjectReal&>(*sum.result).value, 18.0);
-    });
-}
-
-TEST_F(ArrayCallTest, FixtureChildrenInArraysAreReleasedExactly)
-{
-    WithObject(kArrayFixture, [&](CMetaObjectCOMHandler& fixture) {
-        const long before = server.LiveObjects();
-        const Param count = Int(4);
-        Outcome children = Call(fixture, L"Invoke:Children", {count.get()});
-        ASSERT_EQ(children.status, MetaStatusOk);
-        ASSERT_EQ(ArrayOf(children.result).elementCount, 4);
-        EXPECT_EQ(server.LiveObjects(), before + 4);  // held by the element handlers alone
-        {
-            const Outcome id = Call(ItemHandler(ArrayOf(children.result).elements[2]), L"Get:Id");
-            EXPECT_EQ(dynamic_cast<CMetaObjectInt&>(*id.result).value, 2);
-        }
-        children.result.reset();
-        host.FreeReleasedHandlers(module->FreeHandlerObject);
-        EXPECT_EQ(server.LiveObjects(), before);
     });
 }
 

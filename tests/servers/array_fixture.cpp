@@ -20,38 +20,16 @@ volatile LONG g_live = 0;
 class CArrayChild : public CCountedDual<IArrayFixtureChild> {
 public:
     explicit CArrayChild(LONG id) : CCountedDual(kArrayLibraryResource, g_live), id(id) {}
-    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override
-    {
-        *value = id;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override { return *value = id, S_OK; }
 
 private:
     LONG id;
 };
 
-
 class CArrayFixture : public CCountedDual<IArrayFixture> {
 public:
     CArrayFixture() : CCountedDual(kArrayLibraryResource, g_live) {}
     HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
-
-    HRESULT STDMETHODCALLTYPE Sum(SAFEARRAY* values, double* total) override
-    {
-        *total = 0;
-        if (!values)
-            return S_OK;
-        ULONG count = 1;
-        for (UINT dimension = 0; dimension < values->cDims; ++dimension)
-            count *= values->rgsabound[dimension].cElements;
-        double* data = nullptr;
-        if (FAILED(SafeArrayAccessData(values, reinterpret_cast<void**>(&data))))
-            return E_INVALIDARG;
-        for (ULONG at = 0; at < count; ++at)
-            *total += data[at];
-        SafeArrayUnaccessData(values);
-        return S_OK;
-    }
 
     HRESULT STDMETHODCALLTYPE Make(LONG type, LONG count, VARIANT* result) override
     {
@@ -130,30 +108,22 @@ public:
 
     HRESULT STDMETHODCALLTYPE Grow(SAFEARRAY** values) override
     {
-        if (!values)
-            return E_POINTER;
-        ULONG count = 0;
-        LONG lower = 0;
-        if (*values && SafeArrayGetDim(*values) == 1) {
-            count = (*values)->rgsabound[0].cElements;
-            lower = (*values)->rgsabound[0].lLbound;
-        }
+        const ULONG count = *values ? (*values)->rgsabound[0].cElements : 0;
         SAFEARRAYBOUND bound{count + 1, 1};
         SAFEARRAY* grown = SafeArrayCreate(VT_I4, 1, &bound);
-        for (ULONG at = 0; at < count; ++at) {
-            LONG from = lower + static_cast<LONG>(at);
-            LONG to = 1 + static_cast<LONG>(at);
-            LONG value = 0;
-            SafeArrayGetElement(*values, &from, &value);
-            value *= 2;
-            SafeArrayPutElement(grown, &to, &value);
-        }
-        LONG last = static_cast<LONG>(count) + 1;
-        LONG extra = kGrowExtra;
-        SafeArrayPutElement(grown, &last, &extra);
+        LONG *from = nullptr, *to = nullptr;
+        if ((*values && FAILED(SafeArrayAccessData(*values, reinterpret_cast<void**>(&from)))) ||
+            FAILED(SafeArrayAccessData(grown, reinterpret_cast<void**>(&to))))
+            return E_INVALIDARG;
+        for (ULONG at = 0; at < count; ++at)
+            to[at] = from[at] * 2;
+        to[count] = kGrowExtra;
+        SafeArrayUnaccessData(grown);
         // In/out: the old array is the callee's to free when it puts another.
-        if (*values)
+        if (*values) {
+            SafeArrayUnaccessData(*values);
             SafeArrayDestroy(*values);
+        }
         *values = grown;
         return S_OK;
     }

@@ -141,23 +141,18 @@ private:
     const LONG id;
 };
 
-ComPtr<IRecordInfo> PointRecordInfo()
+HRESULT MakePointVariant(LONG x, LONG y, VARIANT* value)
 {
     wchar_t path[MAX_PATH + 12];
     ComPtr<ITypeLib> library;
     ComPtr<ITypeInfo> point;
     ComPtr<IRecordInfo> record;
-    if (ServerLibraryPath(kCallLibraryResource, path, MAX_PATH + 12) &&
-        SUCCEEDED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) &&
-        SUCCEEDED(library->GetTypeInfoOfGuid(kPointType, point.Put())))
-        GetRecordInfoFromTypeInfo(point.Get(), record.Put());
-    return record;
-}
-
-HRESULT MakePointVariant(LONG x, LONG y, VARIANT* value)
-{
-    ComPtr<IRecordInfo> record = PointRecordInfo();
-    void* data = record ? record->RecordCreate() : nullptr;
+    if (!ServerLibraryPath(kCallLibraryResource, path, MAX_PATH + 12) ||
+        FAILED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) ||
+        FAILED(library->GetTypeInfoOfGuid(kPointType, point.Put())) ||
+        FAILED(GetRecordInfoFromTypeInfo(point.Get(), record.Put())))
+        return E_FAIL;
+    void* data = record->RecordCreate();
     if (data == nullptr)
         return E_FAIL;
     *static_cast<FixturePoint*>(data) = FixturePoint{x, y};
@@ -177,15 +172,6 @@ HRESULT MakeShape(LONG which, VARIANT* value)
     V_VT(value) = types[which];
     V_I8(value) = which == ShapeI8 ? kShapeI8 : which == ShapeBoolOne ? 1 : which == ShapeError ? kShapeError : 0;
     return which == ShapeUnknown ? CCallFixtureChild::Create(&V_UNKNOWN(value)) : S_OK;
-}
-
-template <typename Object>
-HRESULT Echo(Object* value, Object** result)
-{
-    if (value)
-        value->AddRef();
-    *result = value;
-    return S_OK;
 }
 
 // By the rules of [in,out]: the reference that came in is released, the new one goes out.
@@ -373,8 +359,10 @@ public:
                     NewText(kOutBstr, static_cast<UINT>(wcslen(kOutBstr)), value))
     FIXTURE_MEMBERS(Variant, VARIANT, (VariantInit(result), VariantCopy(result, &value)), AppendMark(value),
                     (VariantInit(value), V_VT(value) = VT_I8, V_I8(value) = kOutVariant, S_OK))
-    FIXTURE_MEMBERS(Dispatch, IDispatch*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
-    FIXTURE_MEMBERS(Unknown, IUnknown*, Echo(value, result), Replace(value), CCallFixtureChild::Create(value))
+    FIXTURE_MEMBERS(Dispatch, IDispatch*, (value && value->AddRef(), Set(result, value)), Replace(value),
+                    CCallFixtureChild::Create(value))
+    FIXTURE_MEMBERS(Unknown, IUnknown*, (value && value->AddRef(), Set(result, value)), Replace(value),
+                    CCallFixtureChild::Create(value))
 #undef NUMBER_MEMBERS
 #undef FIXTURE_MEMBERS
 
