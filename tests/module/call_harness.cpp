@@ -105,6 +105,14 @@ std::string Narrow(const CMetaString& text)
     return text.GetNarrow() ? text.GetNarrow() : "";
 }
 
+std::wstring ValueText(CMetaObjectItem* item)
+{
+    CMetaString text;
+    if (item)
+        item->GetValue(text);
+    return text.IsEmpty() ? L"" : text.GetWide();
+}
+
 IDispatch* ObjectOf(const CMetaObjectItem* item)
 {
     const auto* object = dynamic_cast<const CMetaObjectObject*>(item);

@@ -66,6 +66,8 @@ std::vector<Param> ParamList(Made... made)
 }
 
 std::string Narrow(const MetaObj::CMetaString& text);
+// An item's value as text; empty for none.
+std::wstring ValueText(MetaObj::CMetaObjectItem* item);
 
 // The outcome of one call; the record starts with marks, so that what a call
 // leaves alone shows.

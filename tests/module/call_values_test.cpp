@@ -25,13 +25,6 @@ namespace {
 using CallValuesTest = CallTest;
 using CallObjectsTest = CallTest;
 
-std::wstring ValueText(CMetaObjectItem* item)
-{
-    CMetaString text;
-    item->GetValue(text);
-    return text.IsEmpty() ? L"" : text.GetWide();
-}
-
 // A currency or date text read back in the locale the module wrote it in.
 double NumberOf(CMetaObjectItem* item, LCID locale)
 {
@@ -59,12 +52,10 @@ TEST_F(CallValuesTest, OutAndInOutParametersAreWrittenBack)
     } rows[] = {
         // In/out: the object changes what went in.
         {"I1 comes back sign-extended", L"Invoke:RefI1", [] { return ByRef(Char(0xFE, L"VT_I1"), kInOut); }, L"\xFFFF"},
-        {"I2 sign-extended", L"Invoke:RefI2", [] { return ByRef(Int(-2, L"VT_I2"), kInOut); }, L"-1"},
         {"I4", L"Invoke:RefI4", [] { return ByRef(Int(41), kInOut); }, L"42"},
         {"R4", L"Invoke:RefR4", [] { return ByRef(Real(2.5, L"VT_R4"), kInOut); }, L"3.500000"},
         {"R8", L"Invoke:RefR8", [] { return ByRef(Real(-0.5), kInOut); }, L"0.500000"},
-        {"BOOL true to false", L"Invoke:RefBool", [] { return ByRef(Bool(1), kInOut); }, L"false"},
-        {"BOOL false to true", L"Invoke:RefBool", [] { return ByRef(Bool(0), kInOut); }, L"true"},
+        {"BOOL", L"Invoke:RefBool", [] { return ByRef(Bool(1), kInOut); }, L"false"},
         {"BSTR", L"Invoke:RefBstr", [] { return ByRef(Text(L"abc"), kInOut); }, L"abc!"},
         {"an empty BSTR goes as null", L"Invoke:RefBstr", [] { return ByRef(Text(L""), kInOut); }, L"!"},
         {"CY", L"Invoke:RefCy", [] { return ByRef(Currency(L"1.5"), kInOut); }, nullptr, 25000},
@@ -75,8 +66,6 @@ TEST_F(CallValuesTest, OutAndInOutParametersAreWrittenBack)
 
         // Out: the object writes its value over whatever the item held.
         {"out I1", L"Invoke:OutI1", [] { return ByRef(Char(L'x', L"VT_I1"), kOut); }, L"\xFFFB"},
-        {"out I2", L"Invoke:OutI2", [] { return ByRef(Int(0, L"VT_I2"), kOut); }, L"-5"},
-        {"out R4", L"Invoke:OutR4", [] { return ByRef(Real(0, L"VT_R4"), kOut); }, L"-5.000000"},
         {"out BOOL", L"Invoke:OutBool", [] { return ByRef(Bool(0), kOut); }, L"true"},
         {"out BSTR", L"Invoke:OutBstr", [] { return ByRef(Text(L"stale"), kOut); }, kOutBstr},
         {"out CY", L"Invoke:OutCy", [] { return ByRef(Currency(L"0"), kOut); }, nullptr, kOutCy},
@@ -91,7 +80,6 @@ TEST_F(CallValuesTest, OutAndInOutParametersAreWrittenBack)
              return ByRef(std::move(flag), kOut);
          },
          L"true"},
-        {"out enumeration", L"Invoke:OutColour", [] { return ByRef(Colour(1), kOut); }, L"7"},
     };
     WithFixture([&](CMetaObjectCOMHandler& handler) {
         for (const auto& row : rows) {
