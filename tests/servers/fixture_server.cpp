@@ -68,31 +68,25 @@ private:
     CreateFn create;
 };
 
-CFixtureFactory g_callFactory(CreateCallFixture);
-CFixtureFactory g_arrayFactory(CreateArrayFixture);
-CFixtureFactory g_collectionFactory(CreateCollectionFixture);
-CFixtureFactory g_hostileFactory(CreateHostileFixture);
-
 struct FixtureClass {
     const CLSID& classId;
     const wchar_t* name;
     const wchar_t* progId;
     const GUID& libraryId;
     int libraryResource;
-    CFixtureFactory& factory;
+    CFixtureFactory factory;
 };
 
-const FixtureClass kClasses[] = {
+FixtureClass g_classes[] = {
     {CLSID_CallFixture, L"CallFixture", FixtureValues::kProgId, LIBID_CallFixtureLib, kCallLibraryResource,
-     g_callFactory},
+     CFixtureFactory(CreateCallFixture)},
     {CLSID_ArrayFixture, L"ArrayFixture", kArrayFixtureProgId, LIBID_ArrayFixtureLib, kArrayLibraryResource,
-     g_arrayFactory},
+     CFixtureFactory(CreateArrayFixture)},
     {CLSID_CollectionFixture, L"CollectionFixture", CollectionValues::kProgId, LIBID_CollectionFixtureLib,
-     kCollectionLibraryResource, g_collectionFactory},
+     kCollectionLibraryResource, CFixtureFactory(CreateCollectionFixture)},
     {CLSID_HostileFixture, L"HostileFixture", HostileValues::kProgId, LIBID_HostileFixtureLib,
-     kHostileLibraryResource, g_hostileFactory},
+     kHostileLibraryResource, CFixtureFactory(CreateHostileFixture)},
 };
-
 
 std::wstring GuidText(REFGUID guid)
 {
@@ -152,7 +146,7 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
-    for (const FixtureClass& fixture : kClasses) {
+    for (FixtureClass& fixture : g_classes) {
         if (IsEqualCLSID(classId, fixture.classId))
             return fixture.factory.QueryInterface(iid, out);
     }
@@ -179,7 +173,7 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
     const DWORD length = GetModuleFileNameW(g_fixtureModule, serverPath, MAX_PATH);
     if (length == 0 || length == MAX_PATH)
         return SELFREG_E_CLASS;
-    for (const FixtureClass& fixture : kClasses) {
+    for (const FixtureClass& fixture : g_classes) {
         const HRESULT hr = RegisterClass(fixture, serverPath);
         if (FAILED(hr))
             return hr;
