@@ -160,6 +160,8 @@ LONG IdOf(IDispatch* child)
 
 TEST_F(CallObjectsTest, EveryReferenceComesBack)
 {
+    // What the row's call leaves, looked at while its items stand.
+    enum class Gives { Nothing, NewResult, HeldBack, NullObject, ItsId, NewChildInParam };
     struct Row {
         const char* label;
         const wchar_t* key;
@@ -167,7 +169,7 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
         std::function<Param(IDispatch*)> param;
         ULONG heldAfterCall;  // references on the test's object while the items stand
         long madeByCall;      // fixture objects the call made that are still alive then
-        std::function<void(IDispatch* held, const CMetaObjectItem* param, const CMetaObjectItem* result)> check;
+        Gives gives;
         const wchar_t* then;  // a call after the items are gone, or null
     };
     const auto in = [this](const wchar_t* signature) {
@@ -179,57 +181,28 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
             return ByRef(ObjectItem(holding == HoldsIt ? held : nullptr, signature), direction);
         };
     };
-    const auto resultHolds = [](std::function<bool(IDispatch* held, IDispatch* got)> wanted) {
-        return [wanted](IDispatch* held, const CMetaObjectItem*, const CMetaObjectItem* result) {
-            IDispatch* got = ObjectOf(result);
-            EXPECT_TRUE(wanted(held, got));
-            if (got && got != held) {
-                EXPECT_EQ(RefCount(got), 1u);  // the result's handler alone
-            }
-        };
-    };
-    const auto paramHoldsANewChild = [](IDispatch* held, const CMetaObjectItem* param, const CMetaObjectItem*) {
-        IDispatch* got = ObjectOf(param);
-        ASSERT_NE(got, nullptr);
-        EXPECT_NE(got, held);
-        EXPECT_EQ(RefCount(got), 1u);  // the parameter's new handler alone
-        EXPECT_GT(IdOf(got), 0);
-    };
     const Row rows[] = {
-        {"a result", L"Invoke:MakeChild", nullptr, 1, 1,
-         resultHolds([](IDispatch*, IDispatch* got) { return got != nullptr; }), nullptr},
-        {"a null object result holds nothing", L"Invoke:NullChild", nullptr, 1, 0,
-         [](IDispatch*, const CMetaObjectItem*, const CMetaObjectItem* result) {
-             const auto* object = dynamic_cast<const CMetaObjectObject*>(result);
-             ASSERT_TRUE(object && object->handler);
-             EXPECT_EQ(object->handler->GetDispatchPointer(), nullptr);
-         },
+        {"a result", L"Invoke:MakeChild", nullptr, 1, 1, Gives::NewResult, nullptr},
+        {"a null object result holds nothing", L"Invoke:NullChild", nullptr, 1, 0, Gives::NullObject, nullptr},
+        {"taken in and given back", L"Invoke:EchoDispatch", in(L"VT_DISPATCH"), 3, 0, Gives::HeldBack, nullptr},
+        {"taken in as IUnknown and given back", L"Invoke:EchoUnknown", in(L"VT_UNKNOWN"), 3, 0, Gives::HeldBack,
          nullptr},
-        {"taken in and given back", L"Invoke:EchoDispatch", in(L"VT_DISPATCH"), 3, 0,
-         resultHolds([](IDispatch* held, IDispatch* got) { return got == held; }), nullptr},
-        {"taken in as IUnknown and given back", L"Invoke:EchoUnknown", in(L"VT_UNKNOWN"), 3, 0,
-         resultHolds([](IDispatch* held, IDispatch* got) { return got == held; }), nullptr},
-        {"taken in and answered", L"Invoke:ChildId", in(L"VT_DISPATCH"), 2, 0,
-         [](IDispatch* held, const CMetaObjectItem*, const CMetaObjectItem* result) {
-             const auto* id = dynamic_cast<const CMetaObjectInt*>(result);
-             ASSERT_NE(id, nullptr);
-             EXPECT_EQ(id->value, IdOf(held));
-         },
-         nullptr},
-        {"held until dropped", L"Invoke:Hold", in(L"VT_DISPATCH"), 3, 0, nullptr, L"Invoke:DropHeld"},
-        {"set by reference as the target", L"Setref:Target", in(L"VT_DISPATCH"), 3, 0, nullptr, L"Invoke:DropHeld"},
+        {"taken in and answered", L"Invoke:ChildId", in(L"VT_DISPATCH"), 2, 0, Gives::ItsId, nullptr},
+        {"held until dropped", L"Invoke:Hold", in(L"VT_DISPATCH"), 3, 0, Gives::Nothing, L"Invoke:DropHeld"},
+        {"set by reference as the target", L"Setref:Target", in(L"VT_DISPATCH"), 3, 0, Gives::Nothing,
+         L"Invoke:DropHeld"},
         {"out into an empty item", L"Invoke:OutDispatch", byRef(Empty, L"VT_DISPATCH", kOut), 1, 1,
-         paramHoldsANewChild, nullptr},
+         Gives::NewChildInParam, nullptr},
         {"out over an item that held an object", L"Invoke:OutDispatch", byRef(HoldsIt, L"VT_DISPATCH", kOut), 1, 1,
-         paramHoldsANewChild, nullptr},
-        {"out as IUnknown", L"Invoke:OutUnknown", byRef(Empty, L"VT_UNKNOWN", kOut), 1, 1, paramHoldsANewChild,
+         Gives::NewChildInParam, nullptr},
+        {"out as IUnknown", L"Invoke:OutUnknown", byRef(Empty, L"VT_UNKNOWN", kOut), 1, 1, Gives::NewChildInParam,
          nullptr},
         {"in/out swapped for a new child", L"Invoke:RefDispatch", byRef(HoldsIt, L"VT_DISPATCH", kInOut), 1, 1,
-         paramHoldsANewChild, nullptr},
+         Gives::NewChildInParam, nullptr},
         {"in/out as IUnknown swapped", L"Invoke:RefUnknown", byRef(HoldsIt, L"VT_UNKNOWN", kInOut), 1, 1,
-         paramHoldsANewChild, nullptr},
+         Gives::NewChildInParam, nullptr},
         {"in/out from an empty item", L"Invoke:RefDispatch", byRef(Empty, L"VT_DISPATCH", kInOut), 1, 1,
-         paramHoldsANewChild, nullptr},
+         Gives::NewChildInParam, nullptr},
     };
     WithFixture([&](CMetaObjectCOMHandler& handler) {
         ScopedVariant made;
@@ -248,8 +221,26 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
                 ASSERT_EQ(outcome.status, MetaStatusOk);
                 EXPECT_EQ(RefCount(held), row.heldAfterCall);
                 EXPECT_EQ(server.LiveObjects(), base + row.madeByCall);
-                if (row.check)
-                    row.check(held, param.get(), outcome.result.get());
+                // A new object is held by the new handler of its item alone.
+                IDispatch* got = ObjectOf(row.gives == Gives::NewChildInParam ? param.get() : outcome.result.get());
+                const auto* object = dynamic_cast<const CMetaObjectObject*>(outcome.result.get());
+                switch (row.gives) {
+                case Gives::NewResult:
+                case Gives::NewChildInParam:
+                    EXPECT_TRUE(got && got != held && RefCount(got) == 1u && IdOf(got) > 0);
+                    break;
+                case Gives::HeldBack:
+                    EXPECT_EQ(got, held);
+                    break;
+                case Gives::NullObject:
+                    EXPECT_TRUE(object && object->handler && object->handler->GetDispatchPointer() == nullptr);
+                    break;
+                case Gives::ItsId:
+                    EXPECT_EQ(ValueText(outcome.result.get()), std::to_wstring(IdOf(held)));
+                    break;
+                case Gives::Nothing:
+                    break;
+                }
             }
             if (row.then) {
                 EXPECT_EQ(Call(handler, row.then).status, MetaStatusOk);
