@@ -22,6 +22,7 @@
 #include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/dual_dispatch.h"
+#include "tests/support/dispatch_call.h"
 
 using MetaObj::ComPtr;
 using namespace FixtureValues;
@@ -39,14 +40,6 @@ constexpr std::int32_t kDeferredScode = static_cast<std::int32_t>(0x80040200);
 
 // Members that Invoke answers itself; the numbers are those of call_fixture.idl.
 enum : DISPID { kLastCallId = 5, kFailDeferredId = 20, kThrowId = 23, kSumPointId = 40, kMakePointId, kShapeId = 43 };
-
-struct VariantOwner {
-    VariantOwner() { VariantInit(&value); }
-    ~VariantOwner() { VariantClear(&value); }
-    VariantOwner(const VariantOwner&) = delete;
-    VariantOwner& operator=(const VariantOwner&) = delete;
-    VARIANT value;
-};
 
 template <typename Value>
 HRESULT Set(Value* cell, Value value)
@@ -81,10 +74,10 @@ HRESULT Numbers(const DISPPARAMS* params, UINT count, LONG* numbers)
     if (params == nullptr || params->cArgs != count || params->cNamedArgs != 0)
         return DISP_E_BADPARAMCOUNT;
     for (UINT at = 0; at < count; ++at) {
-        VariantOwner number;
-        if (FAILED(VariantChangeType(&number.value, &params->rgvarg[count - 1 - at], 0, VT_I4)))
+        ScopedVariant number;
+        if (FAILED(VariantChangeType(number.Get(), &params->rgvarg[count - 1 - at], 0, VT_I4)))
             return DISP_E_TYPEMISMATCH;
-        numbers[at] = V_I4(&number.value);
+        numbers[at] = V_I4(number.Get());
     }
     return S_OK;
 }
@@ -226,8 +219,8 @@ public:
             Guard guard(lock);
             lastCall = DescribeCall(flags, params);
         }
-        VariantOwner unread;
-        VARIANT* out = result ? result : &unread.value;
+        ScopedVariant unread;
+        VARIANT* out = result ? result : unread.Get();
         LONG numbers[2] = {};
         switch (id) {
         case kFailDeferredId:  // DispInvoke has no way to give a deferred fill-in
@@ -389,11 +382,11 @@ private:
             return DISP_E_TYPEMISMATCH;
         LONG sum = 0;
         for (const wchar_t* field : {L"x", L"y"}) {
-            VariantOwner value, number;
-            if (FAILED(V_RECORDINFO(&argument)->GetField(V_RECORD(&argument), field, &value.value)) ||
-                FAILED(VariantChangeType(&number.value, &value.value, 0, VT_I4)))
+            ScopedVariant value, number;
+            if (FAILED(V_RECORDINFO(&argument)->GetField(V_RECORD(&argument), field, value.Get())) ||
+                FAILED(VariantChangeType(number.Get(), value.Get(), 0, VT_I4)))
                 return DISP_E_TYPEMISMATCH;
-            sum += V_I4(&number.value);
+            sum += V_I4(number.Get());
         }
         V_VT(result) = VT_I4;
         V_I4(result) = sum;
