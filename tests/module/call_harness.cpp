@@ -1,8 +1,5 @@
 #include "tests/module/call_harness.h"
 
-#include <list>
-#include <utility>
-
 #include "tests/servers/call_fixture_values.h"
 
 using namespace MetaObj;
@@ -15,6 +12,13 @@ Param Typed(Item* item, std::uint32_t metaType, const wchar_t* signature)
     item->GetTypeDesc().type = metaType;
     item->GetTypeDesc().signature = CMetaString(signature);
     return Param(item);
+}
+
+template <typename Item>
+Item* WithText(Item* item, const wchar_t* value)
+{
+    item->value = CMetaString(value);
+    return item;
 }
 
 }  // namespace
@@ -41,23 +45,17 @@ Param Bool(unsigned char value)
 
 Param Text(const wchar_t* value, const wchar_t* signature)
 {
-    auto* item = new CMetaObjectString;
-    item->value = CMetaString(value);
-    return Typed(item, MetaTypeString, signature);
+    return Typed(WithText(new CMetaObjectString, value), MetaTypeString, signature);
 }
 
 Param Currency(const wchar_t* value)
 {
-    auto* item = new CMetaObjectCurrency;
-    item->value = CMetaString(value);
-    return Typed(item, MetaTypeCurrency, L"VT_CY");
+    return Typed(WithText(new CMetaObjectCurrency, value), MetaTypeCurrency, L"VT_CY");
 }
 
 Param Date(const wchar_t* value)
 {
-    auto* item = new CMetaObjectDate;
-    item->value = CMetaString(value);
-    return Typed(item, MetaTypeDate, L"VT_DATE");
+    return Typed(WithText(new CMetaObjectDate, value), MetaTypeDate, L"VT_DATE");
 }
 
 Param Colour(std::int32_t value, bool withValues)
@@ -107,6 +105,14 @@ std::string Narrow(const CMetaString& text)
     return text.GetNarrow() ? text.GetNarrow() : "";
 }
 
+std::wstring ValueText(CMetaObjectItem* item)
+{
+    CMetaString text;
+    if (item)
+        item->GetValue(text);
+    return text.IsEmpty() ? L"" : text.GetWide();
+}
+
 IDispatch* ObjectOf(const CMetaObjectItem* item)
 {
     const auto* object = dynamic_cast<const CMetaObjectObject*>(item);
@@ -122,14 +128,42 @@ void CallTest::SetUp()
     module->SetEnvironment(host.Table());
 }
 
+CMetaObjectCOMHandler& ItemHandler(const CMetaObjectItem* item)
+{
+    const auto* object = dynamic_cast<const CMetaObjectObject*>(item);
+    EXPECT_TRUE(object && object->handler) << "no object item";
+    return *static_cast<CMetaObjectCOMHandler*>(object->handler);
+}
+
 void CallTest::WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body)
+{
+    WithObject(std::string("COM://") + FixtureValues::kProgIdNarrow, body);
+}
+
+void CallTest::WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body)
+{
+    WithObject("COM://MSScriptControl.ScriptControl", [&](CMetaObjectCOMHandler& control) {
+        const Param language = Text(L"VBScript"), text = Text(code);
+        ASSERT_EQ(Call(control, L"Set:Language", {language.get()}).status, MetaStatusOk);
+        ASSERT_EQ(Call(control, L"Invoke:AddCode", {text.get()}).status, MetaStatusOk);
+        body(control);
+    });
+}
+
+Outcome CallTest::Eval(CMetaObjectCOMHandler& control, const wchar_t* expression)
+{
+    const Param text = Text(expression);
+    return Call(control, L"Invoke:Eval", {text.get()});
+}
+
+void CallTest::WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,
+                          CObjectOpenParams* params)
 {
     const long before = server.LiveObjects();
     RunInitialised([&] {
         auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         ASSERT_NE(handler, nullptr);
-        EXPECT_EQ(handler->Open((std::string("COM://") + FixtureValues::kProgIdNarrow).c_str(), nullptr),
-                  MetaStatusOk);
+        EXPECT_EQ(handler->Open(identity.c_str(), params), MetaStatusOk) << identity;
         if (handler->IsOpen())
             body(*handler);
         EXPECT_EQ(handler->Release(), MetaStatusClosed);

@@ -1,8 +1,8 @@
 #pragma once
-// Method calls through the module's handler on the registered call fixture, as
-// a host makes them: items built here, a call object in a slot, the result
-// freed through the handler. Every test ends with every handler freed and the
-// fixture's count of live objects back where it started.
+// Method calls through the module's handlers, as a host makes them: items
+// built here, a call object in a slot, the result freed through the handler.
+// Every object a test opens ends with every handler freed and the fixture
+// server's count of live objects back where it started.
 
 #include <functional>
 #include <memory>
@@ -57,8 +57,17 @@ Param Colour(std::int32_t value, bool withValues = true);
 Param Point(std::int32_t x, std::int32_t y);
 Param ByRef(Param item, std::int32_t direction);
 std::vector<MetaObj::CMetaObjectItem*> Items(const std::vector<Param>& params);
+template <typename... Made>
+std::vector<Param> ParamList(Made... made)
+{
+    std::vector<Param> params;
+    (params.push_back(std::move(made)), ...);
+    return params;
+}
 
 std::string Narrow(const MetaObj::CMetaString& text);
+// An item's value as text; empty for none.
+std::wstring ValueText(MetaObj::CMetaObjectItem* item);
 
 // The outcome of one call; the record starts with marks, so that what a call
 // leaves alone shows.
@@ -74,9 +83,14 @@ class CallTest : public ModuleTest {
 protected:
     void SetUp() override;
 
-    // The body gets an open handler on a new fixture, on a thread where the
+    // The body gets a handler opened on the identity, on a thread where the
     // module initialised COM.
+    void WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,
+                    MetaObj::CObjectOpenParams* params = nullptr);
+    // The same on a new call fixture, and on a VBScript engine with the code added.
     void WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body);
+    void WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body);
+    Outcome Eval(CMetaObjectCOMHandler& control, const wchar_t* expression);
 
     // CreateMethodInvoke, SetInvokeParams, ExecuteInvoke, FreeMethodInvoke.
     // The items stay the caller's. With wantResult false, ExecuteInvoke gets
@@ -94,3 +108,5 @@ protected:
 
 // The object an object item's handler holds, or null.
 IDispatch* ObjectOf(const MetaObj::CMetaObjectItem* item);
+// The handler of an object item, for calls of its own.
+CMetaObjectCOMHandler& ItemHandler(const MetaObj::CMetaObjectItem* item);

@@ -2,6 +2,18 @@
 
 namespace {
 
+// Under Wine a crash ends the program through the debugger with exit code 0,
+// which ctest takes for a pass: a crash ends it with a failing code instead.
+LONG WINAPI FailOnCrash(EXCEPTION_POINTERS*)
+{
+    static const char kMessage[] = "unhandled exception: the test program crashed\n";
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), kMessage, sizeof kMessage - 1, &written, nullptr);
+    TerminateProcess(GetCurrentProcess(), 3);
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+const LPTOP_LEVEL_EXCEPTION_FILTER g_previousFilter = SetUnhandledExceptionFilter(FailOnCrash);
+
 DWORD WINAPI ThreadBody(void* argument)
 {
     (*static_cast<const std::function<void()>*>(argument))();

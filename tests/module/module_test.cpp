@@ -1,11 +1,13 @@
-// The module as a host meets it: loaded by file name, driven through its exports.
+// The module as a host meets it: loaded by file name, driven through its
+// exports; and through a copy of the module that counts its heap blocks, what
+// it frees: a thread's error texts live as long as the thread, and a call
+// object lives as long as its slot holds it.
 
 #include <objbase.h>
 
-#include <cstdint>
 #include <string>
 
-#include "contract/host_environment.h"
+#include "contract/handler_base.h"
 #include "host/reference_host.h"
 #include "platform/handler_info.h"
 #include "plugin/com_handler.h"
@@ -16,35 +18,21 @@ using namespace MetaObj;
 
 namespace {
 
-TEST_F(ModuleTest, AnswersBeforeInitialisation)
+// Refused without a module handle, or on a thread whose COM is up: then COM
+// stays as the thread had it and the record stays empty.
+TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
 {
-    EXPECT_EQ(module->GetHandlerVersion(), 0x00020000u);
-    CMetaObjectHandlerInfo* info = module->GetHandlerInfo();
-    ASSERT_NE(info, nullptr);
-    EXPECT_EQ(info->GetHandlerName(), nullptr);
-    EXPECT_EQ(info->GetModulePath(), nullptr);
-    module->FreeHandlerObject(nullptr);
-}
-
-TEST_F(ModuleTest, InitHandlerWithoutAModuleHandleTouchesNothing)
-{
-    RunOnThread([&] {
-        EXPECT_FALSE(module->InitHandler(nullptr));
-        // COM is still down on this thread.
-        EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
-        CoUninitialize();
-    });
-    EXPECT_EQ(module->GetHandlerInfo()->GetHandlerName(), nullptr);
-}
-
-TEST_F(ModuleTest, InitHandlerRefusesAThreadWhoseComIsUp)
-{
-    for (DWORD apartment : {COINIT_APARTMENTTHREADED, COINIT_MULTITHREADED}) {
-        SCOPED_TRACE(apartment == COINIT_MULTITHREADED ? "multithreaded" : "apartment");
+    for (DWORD apartment : {0ul, DWORD{COINIT_APARTMENTTHREADED}, DWORD{COINIT_MULTITHREADED}}) {
+        SCOPED_TRACE(apartment);
         RunOnThread([&] {
+            if (apartment == 0) {
+                EXPECT_FALSE(module->InitHandler(nullptr));
+                EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);  // COM is still down
+                CoUninitialize();
+                return;
+            }
             ASSERT_EQ(CoInitializeEx(nullptr, apartment), S_OK);
             EXPECT_FALSE(module->InitHandler(module->Handle()));
-            EXPECT_EQ(module->GetHandlerInfo()->GetHandlerName(), nullptr);
             CoUninitialize();
             if (apartment == COINIT_MULTITHREADED) {
                 // The refused S_FALSE still counts, and the module leaves it standing.
@@ -53,6 +41,7 @@ TEST_F(ModuleTest, InitHandlerRefusesAThreadWhoseComIsUp)
                 CoUninitialize();
             }
         });
+        EXPECT_EQ(module->GetHandlerInfo()->GetHandlerName(), nullptr);
     }
 }
 
@@ -69,11 +58,11 @@ TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
         CoUninitialize();
     });
 
+    EXPECT_EQ(module->GetHandlerVersion(), 0x00020000u);
     CMetaObjectHandlerInfo* info = module->GetHandlerInfo();
     EXPECT_STREQ(info->GetHandlerName(), "COM/DCOM Object Handler");
     EXPECT_STREQ(info->GetHandlerTypeName(), "COM");
     EXPECT_STREQ(info->GetHandlerDescription(), "Meta object native object handler plugin for COM/DCOM.");
-
     char path[MAX_PATH] = {};
     GetModuleFileNameA(module->Handle(), path, MAX_PATH);
     EXPECT_STREQ(info->GetModulePath(), path);
@@ -98,7 +87,6 @@ TEST_F(ModuleTest, NewHandlersRegisterWithTheHost)
         EXPECT_EQ(registrations[0].module, module->Handle());
         EXPECT_EQ(first->GetUseCount(), 1u);
         EXPECT_FALSE(first->IsOpen());
-        EXPECT_EQ(first->identity.GetText(), "");
         EXPECT_EQ(first->GetHandlerInfo(), module->GetHandlerInfo());
         for (CMetaObjectHandler* handler : {first, second}) {
             EXPECT_EQ(handler->Release(), MetaStatusClosed);
@@ -107,82 +95,87 @@ TEST_F(ModuleTest, NewHandlersRegisterWithTheHost)
     });
 }
 
-// A table whose every entry counts, with no context: nothing may be called.
-int g_tableCalls = 0;
-
-TEST_F(ModuleTest, ATableWithoutContextIsNotCalled)
+// The handler's one reference goes with its last use; freeing a handler that
+// is still open leaves it.
+TEST_F(ModuleTest, AHandlerReleasesItsObjectOnceWhenItCloses)
 {
-    CHandlerEnvironment table{};
-    table.BeginObjectLoad = [](void*, CObjectIdentity*, std::uint8_t*) { return ++g_tableCalls, true; };
-    table.EndObjectLoad = [](void*, CObjectIdentity*, std::uint8_t) { return ++g_tableCalls, true; };
-    table.ReleaseObjectLoad = [](void*, CObjectIdentity*) { return ++g_tableCalls, true; };
-    table.AddMethodEntry = [](void*, CObjectIdentity*, CMethodEntry*) { return ++g_tableCalls, true; };
-    table.GetMethodTable = [](void*, CObjectIdentity*) { return ++g_tableCalls, static_cast<CMetaObjectMethodTable*>(nullptr); };
-    table.RegisterHandler = [](void*, CMetaObjectHandler*, HINSTANCE) { return ++g_tableCalls, true; };
-    g_tableCalls = 0;
     RunInitialised([&] {
-        for (CHandlerEnvironment* environment : {&table, static_cast<CHandlerEnvironment*>(nullptr)}) {
-            module->SetEnvironment(environment);
-            CMetaObjectHandler* handler = module->GetHandlerObject();
-            ASSERT_NE(handler, nullptr);
-            EXPECT_EQ(handler->AddUse(), MetaStatusOk);
-            EXPECT_EQ(handler->Release(), MetaStatusOk);
-            EXPECT_EQ(handler->Release(), MetaStatusClosed);
-            module->FreeHandlerObject(handler);
-        }
-    });
-    EXPECT_EQ(g_tableCalls, 0);
-}
-
-TEST_F(ModuleTest, ClosingReleasesOneReferenceOfAPlatformObject)
-{
-    CReferenceHost host;
-    module->SetEnvironment(host.Table());
-    RunInitialised([&] {
-        CLSID classId;
-        ASSERT_EQ(CLSIDFromProgID(L"Scripting.Dictionary", &classId), S_OK);
-        IDispatch* dictionary = nullptr;
-        ASSERT_EQ(CoCreateInstance(classId, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
-                                   reinterpret_cast<void**>(&dictionary)),
-                  S_OK);
-        const ULONG before = RefCount(dictionary);
-
+        CCountingDispatch closed, freed;
         auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        dictionary->AddRef();  // the reference handed over
-        ASSERT_EQ(handler->AttachObject(dictionary, "COM://Scripting.Dictionary"), MetaStatusOk);
-        EXPECT_TRUE(handler->IsOpen());
-        EXPECT_EQ(handler->GetDispatchPointer(), dictionary);
-        EXPECT_EQ(handler->identity.GetObjectName(), "Scripting.Dictionary");
-        EXPECT_EQ(RefCount(dictionary), before + 1);
-
-        // Opening again creates nothing and keeps the object.
-        EXPECT_EQ(handler->Open("COM://WScript.Shell", nullptr), MetaStatusOk);
-        EXPECT_EQ(handler->GetObjectPointer(), dictionary);
-
+        closed.AddRef();  // the reference handed over
+        ASSERT_EQ(handler->AttachObject(&closed, "COM://Counting.Object"), MetaStatusOk);
         EXPECT_EQ(handler->AddUse(), MetaStatusOk);
         EXPECT_EQ(handler->Release(), MetaStatusOk);
-        EXPECT_EQ(RefCount(dictionary), before + 1);
+        EXPECT_EQ(closed.References(), 2);
         EXPECT_EQ(handler->Release(), MetaStatusClosed);
-        EXPECT_EQ(RefCount(dictionary), before);
+        EXPECT_EQ(closed.References(), 1);
         EXPECT_EQ(handler->CloseObject(), MetaStatusClosed);  // nothing more to release
-        EXPECT_EQ(RefCount(dictionary), before);
-        EXPECT_FALSE(handler->IsOpen());
+        EXPECT_EQ(closed.References(), 1);
         EXPECT_TRUE(handler->GetErrorText().IsEmpty());
         module->FreeHandlerObject(handler);
-        dictionary->Release();
+
+        handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+        freed.AddRef();
+        ASSERT_EQ(handler->AttachObject(&freed, "COM://Counting.Object"), MetaStatusOk);
+        module->FreeHandlerObject(handler);
+        EXPECT_EQ(freed.References(), 2);
     });
 }
 
-TEST_F(ModuleTest, FreeingAnOpenHandlerLeavesItsReference)
+using LiveAllocationsFn = LONG (*)();
+using SetErrorTextFn = void (*)(const CMetaObjectHandler*, const char*);
+
+class ProbeTest : public ModuleTest {
+protected:
+    void SetUp() override
+    {
+        Load(ProgramDirectory() + "probe.dll");
+        liveAllocations = reinterpret_cast<LiveAllocationsFn>(
+            reinterpret_cast<void*>(GetProcAddress(module->Handle(), "ProbeLiveAllocations")));
+        setErrorText = reinterpret_cast<SetErrorTextFn>(
+            reinterpret_cast<void*>(GetProcAddress(module->Handle(), "ProbeSetErrorText")));
+        ASSERT_NE(liveAllocations, nullptr);
+        ASSERT_NE(setErrorText, nullptr);
+        module->SetEnvironment(nullptr);
+    }
+
+    LiveAllocationsFn liveAllocations = nullptr;
+    SetErrorTextFn setErrorText = nullptr;
+};
+
+TEST_F(ProbeTest, AThreadsEndFreesItsErrorTexts)
 {
-    RunInitialised([&] {
-        CCountingDispatch object;
-        auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        object.AddRef();
-        ASSERT_EQ(handler->AttachObject(&object, "COM://Counting.Object"), MetaStatusOk);
-        module->FreeHandlerObject(handler);
-        EXPECT_EQ(object.References(), 2);
+    CMetaObjectHandler* first = module->GetHandlerObject();
+    CMetaObjectHandler* second = module->GetHandlerObject();
+    const LONG before = liveAllocations();
+    RunOnThread([&] {
+        setErrorText(first, "Could not load type library");
+        EXPECT_TRUE(second->GetErrorText().IsEmpty());
+        EXPECT_STREQ(first->GetErrorText().GetWide(), L"Could not load type library");
+        EXPECT_GT(liveAllocations(), before);  // the map, two entries and a text
     });
+    EXPECT_EQ(liveAllocations(), before);
+    // The texts set on that thread are not seen here.
+    EXPECT_TRUE(first->GetErrorText().IsEmpty());
+    for (CMetaObjectHandler* handler : {first, second}) {
+        handler->Release();
+        module->FreeHandlerObject(handler);
+    }
+}
+
+TEST_F(ProbeTest, ANewCallInAUsedSlotFreesTheOldOne)
+{
+    CMetaObjectHandler* handler = module->GetHandlerObject();
+    CCOMMethodInvoke* slot = nullptr;
+    handler->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
+    handler->FreeMethodInvoke(&slot);
+    const LONG before = liveAllocations();
+    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
+        EXPECT_EQ(handler->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
+    handler->FreeMethodInvoke(&slot);
+    EXPECT_EQ(liveAllocations(), before);
+    handler->Release();
+    module->FreeHandlerObject(handler);
 }
 
 }  // namespace

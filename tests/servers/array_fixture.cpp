@@ -3,99 +3,33 @@
 
 #include <windows.h>
 #include <oleauto.h>
-#include <olectl.h>
 
 // The identifiers of the library are defined here, once.
 #include <initguid.h>
 
 #include "array_fixture.h"  // widl's header of array_fixture.idl
 
-#include <cwchar>
-#include <string>
-
-#include "platform/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
-#include "tests/servers/call_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"
-
-using MetaObj::ComPtr;
-using MetaObj::RegKey;
 
 namespace {
 
 constexpr LONG kGrowExtra = 99;
 volatile LONG g_live = 0;
 
-template <typename Interface>
-class CArrayDispatch : public CDualDispatch<Interface> {
+class CArrayChild : public CCountedDual<IArrayFixtureChild> {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, __uuidof(Interface))) {
-            *out = static_cast<Interface*>(this);
-            this->AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG left = InterlockedDecrement(&references);
-        if (left == 0)
-            delete this;
-        return left;
-    }
-protected:
-    CArrayDispatch() : CDualDispatch<Interface>(kArrayLibraryResource) { InterlockedIncrement(&g_live); }
-    virtual ~CArrayDispatch() { InterlockedDecrement(&g_live); }
-
-private:
-    volatile LONG references = 1;
-};
-
-class CArrayChild : public CArrayDispatch<IArrayFixtureChild> {
-public:
-    explicit CArrayChild(LONG id) : id(id) {}
-    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override
-    {
-        *value = id;
-        return S_OK;
-    }
+    explicit CArrayChild(LONG id) : CCountedDual(kArrayLibraryResource, g_live), id(id) {}
+    HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override { return *value = id, S_OK; }
 
 private:
     LONG id;
 };
 
-// The element's address in a VARIANT of its type: the union starts there.
-void* ValueOf(VARIANT& value)
-{
-    return &value.bVal;
-}
-
-class CArrayFixture : public CArrayDispatch<IArrayFixture> {
+class CArrayFixture : public CCountedDual<IArrayFixture> {
 public:
+    CArrayFixture() : CCountedDual(kArrayLibraryResource, g_live) {}
     HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
-
-    HRESULT STDMETHODCALLTYPE Sum(SAFEARRAY* values, double* total) override
-    {
-        *total = 0;
-        if (!values)
-            return S_OK;
-        ULONG count = 1;
-        for (UINT dimension = 0; dimension < values->cDims; ++dimension)
-            count *= values->rgsabound[dimension].cElements;
-        double* data = nullptr;
-        if (FAILED(SafeArrayAccessData(values, reinterpret_cast<void**>(&data))))
-            return E_INVALIDARG;
-        for (ULONG at = 0; at < count; ++at)
-            *total += data[at];
-        SafeArrayUnaccessData(values);
-        return S_OK;
-    }
 
     HRESULT STDMETHODCALLTYPE Make(LONG type, LONG count, VARIANT* result) override
     {
@@ -117,8 +51,10 @@ public:
             } else {
                 VARIANT converted;
                 VariantInit(&converted);
+                // The element's address in a VARIANT of its type: the union starts there.
                 if (SUCCEEDED(VariantChangeType(&converted, &number, 0, static_cast<VARTYPE>(type))))
-                    SafeArrayPutElement(array, &at, type == VT_BSTR ? converted.bstrVal : ValueOf(converted));
+                    SafeArrayPutElement(array, &at,
+                                        type == VT_BSTR ? static_cast<void*>(converted.bstrVal) : &converted.bVal);
                 VariantClear(&converted);
             }
         }
@@ -131,14 +67,10 @@ public:
     {
         SAFEARRAYBOUND bounds[] = {{2, -1}, {3, 0}, {2, 5}};
         SAFEARRAY* array = SafeArrayCreate(VT_I4, 3, bounds);
-        for (LONG i = -1; i <= 0; ++i) {
-            for (LONG j = 0; j <= 2; ++j) {
-                for (LONG k = 5; k <= 6; ++k) {
-                    LONG index[] = {i, j, k};
-                    LONG value = i * 100 + j * 10 + k;
-                    SafeArrayPutElement(array, index, &value);
-                }
-            }
+        for (LONG at = 0; at < 12; ++at) {
+            LONG index[] = {-1 + at / 6, at / 2 % 3, 5 + at % 2};
+            LONG value = index[0] * 100 + index[1] * 10 + index[2];
+            SafeArrayPutElement(array, index, &value);
         }
         result->vt = VT_ARRAY | VT_I4;
         result->parray = array;
@@ -176,37 +108,23 @@ public:
 
     HRESULT STDMETHODCALLTYPE Grow(SAFEARRAY** values) override
     {
-        if (!values)
-            return E_POINTER;
-        ULONG count = 0;
-        LONG lower = 0;
-        if (*values && SafeArrayGetDim(*values) == 1) {
-            count = (*values)->rgsabound[0].cElements;
-            lower = (*values)->rgsabound[0].lLbound;
-        }
+        const ULONG count = *values ? (*values)->rgsabound[0].cElements : 0;
         SAFEARRAYBOUND bound{count + 1, 1};
         SAFEARRAY* grown = SafeArrayCreate(VT_I4, 1, &bound);
-        for (ULONG at = 0; at < count; ++at) {
-            LONG from = lower + static_cast<LONG>(at);
-            LONG to = 1 + static_cast<LONG>(at);
-            LONG value = 0;
-            SafeArrayGetElement(*values, &from, &value);
-            value *= 2;
-            SafeArrayPutElement(grown, &to, &value);
-        }
-        LONG last = static_cast<LONG>(count) + 1;
-        LONG extra = kGrowExtra;
-        SafeArrayPutElement(grown, &last, &extra);
+        LONG *from = nullptr, *to = nullptr;
+        if ((*values && FAILED(SafeArrayAccessData(*values, reinterpret_cast<void**>(&from)))) ||
+            FAILED(SafeArrayAccessData(grown, reinterpret_cast<void**>(&to))))
+            return E_INVALIDARG;
+        for (ULONG at = 0; at < count; ++at)
+            to[at] = from[at] * 2;
+        to[count] = kGrowExtra;
+        SafeArrayUnaccessData(grown);
         // In/out: the old array is the callee's to free when it puts another.
-        if (*values)
+        if (*values) {
+            SafeArrayUnaccessData(*values);
             SafeArrayDestroy(*values);
+        }
         *values = grown;
-        return S_OK;
-    }
-
-    HRESULT STDMETHODCALLTYPE get_Live(LONG* count) override
-    {
-        *count = g_live;
         return S_OK;
     }
 };

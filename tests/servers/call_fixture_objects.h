@@ -6,21 +6,12 @@
 
 // The server file, set by its DllMain; its TYPELIB resource 2 is the call library.
 extern HINSTANCE g_fixtureModule;
+constexpr int kCallLibraryResource = 2;
 
 // A new CallFixture, answering iid; the caller owns the one reference.
 HRESULT CreateCallFixture(REFIID iid, void** out);
-
-// Objects of the fixture alive now, of every class, and locks of the server
-// taken by IClassFactory::LockServer.
+// Objects of the fixture alive now, of every class.
 LONG LiveFixtureObjects();
-void LockFixtureServer(bool lock);
-bool FixtureServerLocked();
 
-// The path of a type library inside the server file: "<file>\<resource>".
+// The path of a type library inside the server file: "<file>\\<resource>".
 bool ServerLibraryPath(int resource, wchar_t* path, DWORD size);
-// The call library's resource.
-constexpr int kCallLibraryResource = 2;
-inline bool CallLibraryPath(wchar_t* path, DWORD size)
-{
-    return ServerLibraryPath(kCallLibraryResource, path, size);
-}

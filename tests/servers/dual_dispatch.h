@@ -1,6 +1,7 @@
 #pragma once
 // The IDispatch side of the fixtures' dual interfaces, answered by the
-// platform's dispatch from their type information in the server file.
+// platform's dispatch from their type information in the server file, and a
+// base that counts its references and the server's live objects.
 
 #include <windows.h>
 #include <oleauto.h>
@@ -71,4 +72,43 @@ protected:
     explicit CDualDispatch(int resource) : types(LoadDualTypeInfo(resource, __uuidof(Interface))) {}
 
     DualTypeInfo types;
+};
+
+// IUnknown with a true count; live counts the objects of a fixture alive now.
+template <typename Interface>
+class CCountedDual : public CDualDispatch<Interface> {
+public:
+    CCountedDual(const CCountedDual&) = delete;
+    CCountedDual& operator=(const CCountedDual&) = delete;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
+    {
+        if (out == nullptr)
+            return E_POINTER;
+        *out = nullptr;
+        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) && !IsEqualIID(iid, __uuidof(Interface)))
+            return E_NOINTERFACE;
+        *out = static_cast<Interface*>(this);
+        this->AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        const LONG left = InterlockedDecrement(&references);
+        if (left == 0)
+            delete this;
+        return left;
+    }
+
+protected:
+    CCountedDual(int resource, volatile LONG& live) : CDualDispatch<Interface>(resource), live(live)
+    {
+        InterlockedIncrement(&live);
+    }
+    virtual ~CCountedDual() { InterlockedDecrement(&live); }
+
+private:
+    volatile LONG& live;
+    volatile LONG references = 1;  // the creator's
 };

@@ -1,10 +1,10 @@
 // An in-process server file with its type libraries. TYPELIB resource 1 is the
 // catalogue fixture library, which nothing registers: the tests of the
 // server-file road rely on that. Resources 2 to 5 are the libraries of the
-// call, array, collection and hostile fixtures, whose classes this file serves and
-// registers.
+// call, array, collection and hostile fixtures, whose classes this file serves
+// and registers.
 
-#include "array_fixture.h"       // widl's headers of the three libraries
+#include "array_fixture.h"  // widl's headers of the libraries
 #include "call_fixture.h"
 #include "collection_fixture.h"
 #include "hostile_fixture.h"
@@ -24,11 +24,11 @@
 #include "tests/servers/hostile_fixture_values.h"
 
 using MetaObj::ComPtr;
-using MetaObj::RegKey;
 
 namespace {
 
 using CreateFn = HRESULT (*)(REFIID iid, void** out);
+volatile LONG g_serverLocks = 0;
 
 // One static object a class; its references are locks on the server.
 class CFixtureFactory : public IClassFactory {
@@ -47,16 +47,8 @@ public:
         *out = nullptr;
         return E_NOINTERFACE;
     }
-    ULONG STDMETHODCALLTYPE AddRef() override
-    {
-        LockFixtureServer(true);
-        return 2;
-    }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LockFixtureServer(false);
-        return 1;
-    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&g_serverLocks), 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&g_serverLocks), 1; }
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override
     {
         if (out == nullptr)
@@ -68,7 +60,7 @@ public:
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
     {
-        LockFixtureServer(lock != FALSE);
+        lock ? AddRef() : Release();
         return S_OK;
     }
 
@@ -76,36 +68,25 @@ private:
     CreateFn create;
 };
 
-CFixtureFactory g_callFactory(CreateCallFixture);
-CFixtureFactory g_arrayFactory(CreateArrayFixture);
-CFixtureFactory g_collectionFactory(CreateCollectionFixture);
-CFixtureFactory g_hostileFactory(CreateHostileFixture);
-
 struct FixtureClass {
     const CLSID& classId;
     const wchar_t* name;
     const wchar_t* progId;
     const GUID& libraryId;
     int libraryResource;
-    CFixtureFactory& factory;
+    CFixtureFactory factory;
 };
 
-const FixtureClass kClasses[] = {
+FixtureClass g_classes[] = {
     {CLSID_CallFixture, L"CallFixture", FixtureValues::kProgId, LIBID_CallFixtureLib, kCallLibraryResource,
-     g_callFactory},
+     CFixtureFactory(CreateCallFixture)},
     {CLSID_ArrayFixture, L"ArrayFixture", kArrayFixtureProgId, LIBID_ArrayFixtureLib, kArrayLibraryResource,
-     g_arrayFactory},
+     CFixtureFactory(CreateArrayFixture)},
     {CLSID_CollectionFixture, L"CollectionFixture", CollectionValues::kProgId, LIBID_CollectionFixtureLib,
-     kCollectionLibraryResource, g_collectionFactory},
+     kCollectionLibraryResource, CFixtureFactory(CreateCollectionFixture)},
     {CLSID_HostileFixture, L"HostileFixture", HostileValues::kProgId, LIBID_HostileFixtureLib,
-     kHostileLibraryResource, g_hostileFactory},
+     kHostileLibraryResource, CFixtureFactory(CreateHostileFixture)},
 };
-
-#ifdef _WIN64
-constexpr SYSKIND kSysKind = SYS_WIN64;
-#else
-constexpr SYSKIND kSysKind = SYS_WIN32;
-#endif
 
 std::wstring GuidText(REFGUID guid)
 {
@@ -114,26 +95,10 @@ std::wstring GuidText(REFGUID guid)
     return text;
 }
 
-bool WriteClassesValue(const std::wstring& path, const wchar_t* name, const std::wstring& value)
-{
-    RegKey key;
-    if (RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-        return false;
-    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
-    return RegSetValueExW(key.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
-           ERROR_SUCCESS;
-}
-
-std::wstring ClassKey(const FixtureClass& fixture)
-{
-    return L"CLSID\\" + GuidText(fixture.classId);
-}
-
 // The class keys under HKEY_CLASSES_ROOT, and the class's library.
 HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
 {
-    const std::wstring classKey = ClassKey(fixture);
+    const std::wstring classKey = L"CLSID\\" + GuidText(fixture.classId);
     const std::wstring progId = fixture.progId;
     const struct {
         std::wstring path;
@@ -150,7 +115,9 @@ HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
         {progId + L"\\CLSID", nullptr, GuidText(fixture.classId)},
     };
     for (const auto& row : rows) {
-        if (!WriteClassesValue(row.path, row.name, row.value))
+        const auto bytes = static_cast<DWORD>((row.value.size() + 1) * sizeof(wchar_t));
+        if (RegSetKeyValueW(HKEY_CLASSES_ROOT, row.path.c_str(), row.name, REG_SZ, row.value.c_str(), bytes) !=
+            ERROR_SUCCESS)
             return SELFREG_E_CLASS;
     }
     wchar_t libraryPath[MAX_PATH + 12];
@@ -179,20 +146,23 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
-    for (const FixtureClass& fixture : kClasses) {
+    for (FixtureClass& fixture : g_classes) {
         if (IsEqualCLSID(classId, fixture.classId))
             return fixture.factory.QueryInterface(iid, out);
     }
     return CLASS_E_CLASSNOTAVAILABLE;
 }
 
+// Objects of the fixture alive now: after a scenario that freed everything it
+// made, this is back where it started.
+__declspec(dllexport) LONG __stdcall FixtureLiveObjects()
+{
+    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
+}
+
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
 {
-    return LiveFixtureObjects() == 0 && LiveCollectionObjects() == 0 && LiveArrayFixtureObjects() == 0 &&
-                   LiveHostileObjects() == 0 &&
-                   !FixtureServerLocked()
-               ? S_OK
-               : S_FALSE;
+    return FixtureLiveObjects() == 0 && g_serverLocks == 0 ? S_OK : S_FALSE;
 }
 
 // The libraries of resources 2 to 5; the catalogue library of resource 1
@@ -203,29 +173,12 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
     const DWORD length = GetModuleFileNameW(g_fixtureModule, serverPath, MAX_PATH);
     if (length == 0 || length == MAX_PATH)
         return SELFREG_E_CLASS;
-    for (const FixtureClass& fixture : kClasses) {
+    for (const FixtureClass& fixture : g_classes) {
         const HRESULT hr = RegisterClass(fixture, serverPath);
         if (FAILED(hr))
             return hr;
     }
     return S_OK;
-}
-
-__declspec(dllexport) HRESULT __stdcall DllUnregisterServer()
-{
-    for (const FixtureClass& fixture : kClasses) {
-        RegDeleteTreeW(HKEY_CLASSES_ROOT, ClassKey(fixture).c_str());
-        RegDeleteTreeW(HKEY_CLASSES_ROOT, fixture.progId);
-        UnRegisterTypeLib(fixture.libraryId, 1, 0, LOCALE_NEUTRAL, kSysKind);
-    }
-    return S_OK;
-}
-
-// Objects of the fixture alive now: after a scenario that freed everything it
-// made, this is back where it started.
-__declspec(dllexport) LONG __stdcall FixtureLiveObjects()
-{
-    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
 }
 
 }  // extern "C"

@@ -16,10 +16,8 @@ public:
         const std::string key = std::string("CLSID\\") + FixtureValues::kClassId + "\\InprocServer32";
         char path[MAX_PATH] = {};
         LONG size = sizeof path;
-        if (RegQueryValueA(HKEY_CLASSES_ROOT, key.c_str(), path, &size) != ERROR_SUCCESS)
-            return;
-        serverPath = path;
-        module = LoadLibraryA(path);
+        if (RegQueryValueA(HKEY_CLASSES_ROOT, key.c_str(), path, &size) == ERROR_SUCCESS)
+            module = LoadLibraryA(path);
         if (module)
             liveObjects = reinterpret_cast<LiveObjectsFn>(
                 reinterpret_cast<void*>(GetProcAddress(module, "FixtureLiveObjects")));
@@ -33,21 +31,11 @@ public:
     FixtureServer& operator=(const FixtureServer&) = delete;
 
     bool Loaded() const { return liveObjects != nullptr; }
-    const std::string& Path() const { return serverPath; }
     // -1 when the server could not be loaded.
     long LiveObjects() const { return liveObjects ? liveObjects() : -1; }
-    // DllRegisterServer or DllUnregisterServer; E_FAIL when the server could not be loaded.
-    HRESULT Call(const char* entry) const
-    {
-        using EntryFn = HRESULT(__stdcall*)();
-        auto function = module ? reinterpret_cast<EntryFn>(reinterpret_cast<void*>(GetProcAddress(module, entry)))
-                               : nullptr;
-        return function ? function() : E_FAIL;
-    }
 
 private:
     using LiveObjectsFn = LONG(__stdcall*)();
     HMODULE module = nullptr;
     LiveObjectsFn liveObjects = nullptr;
-    std::string serverPath;
 };
