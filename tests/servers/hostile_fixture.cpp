@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/platform_handles.h"
+#include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"
 #include "tests/servers/hostile_fixture_objects.h"
 #include "tests/servers/hostile_fixture_values.h"
@@ -31,38 +32,6 @@ volatile LONG g_queries = 0;
 volatile LONG g_failAllocationEvery = 0;
 volatile LONG g_allocations = 0;
 
-// Dispatch identifiers of hostile_fixture.idl.
-enum Member : DISPID {
-    kFailQueryEveryId = 1,
-    kFailAllocationEveryId = 2,
-    kGarbageTextId = 3,
-    kGarbageVariantId = 4,
-    kGarbageObjectId = 5,
-    kGarbageArrayId = 6,
-    kFailWithResultId = 7,
-    kGarbageOutId = 8,
-    kGiveTypeId = 10,
-    kGiveArrayId = 11,
-    kGiveTextId = 12,
-    kMakeChildId = 13,
-    kThrowId = 14,
-    kSwallowId = 15,
-};
-
-struct MemberName {
-    const wchar_t* name;
-    DISPID id;
-};
-constexpr MemberName kMembers[] = {
-    {L"FailQueryEvery", kFailQueryEveryId}, {L"FailAllocationEvery", kFailAllocationEveryId},
-    {L"GarbageText", kGarbageTextId},       {L"GarbageVariant", kGarbageVariantId},
-    {L"GarbageObject", kGarbageObjectId},   {L"GarbageArray", kGarbageArrayId},
-    {L"FailWithResult", kFailWithResultId},   {L"GarbageOut", kGarbageOutId},
-    {L"GiveType", kGiveTypeId},             {L"GiveArray", kGiveArrayId},
-    {L"GiveText", kGiveTextId},             {L"MakeChild", kMakeChildId},
-    {L"Throw", kThrowId},                   {L"Swallow", kSwallowId},
-};
-
 // Counts a call against the server-wide "fail every Nth" setting.
 bool NthFails(volatile LONG& counter, LONG every)
 {
@@ -72,12 +41,6 @@ bool NthFails(volatile LONG& counter, LONG every)
 bool Allocate()
 {
     return !NthFails(g_allocations, g_failAllocationEvery);
-}
-
-template <typename T>
-T Garbage()
-{
-    return reinterpret_cast<T>(kGarbage);
 }
 
 // The i-th argument from the first; null when there are fewer.
@@ -108,62 +71,36 @@ void* Cell(DISPPARAMS* params, UINT index, VARTYPE type)
     return argument && argument->vt == (type | VT_BYREF) ? argument->byref : nullptr;
 }
 
-class CHostileFixture final : public CDualDispatch<IHostileFixture> {
+class CHostileFixture final : public CDualDispatch<IHostileFixture, CCounted<IHostileFixture, g_liveObjects>> {
 public:
-    CHostileFixture() : CDualDispatch<IHostileFixture>(kHostileLibraryResource)
+    CHostileFixture() : CDualDispatch(kHostileLibraryResource)
     {
-        InterlockedIncrement(&g_liveObjects);
         std::memset(&byRefCell, 0, sizeof byRefCell);
         VariantInit(&self);
     }
-    ~CHostileFixture()
+    ~CHostileFixture() override
     {
         if (cellArray)
             SafeArrayDestroy(cellArray);
-        InterlockedDecrement(&g_liveObjects);
     }
-    CHostileFixture(const CHostileFixture&) = delete;
-    CHostileFixture& operator=(const CHostileFixture&) = delete;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
-        if (out == nullptr)
-            return E_POINTER;
-        *out = nullptr;
-        if (InterlockedExchange(&throwOnQuery, 0) != 0)
+        if (out != nullptr && InterlockedExchange(&throwOnQuery, 0) != 0)
             throw std::runtime_error("HostileFixture.QueryInterface");
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-            !IsEqualIID(iid, IID_IHostileFixture))
-            return E_NOINTERFACE;
-        if (NthFails(g_queries, g_failQueryEvery))
-            return E_NOINTERFACE;
-        *out = static_cast<IHostileFixture*>(this);
-        AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG left = InterlockedDecrement(&references);
-        if (left == 0)
-            delete this;
-        return left;
+        const HRESULT hr = CCounted::QueryInterface(iid, out);
+        if (FAILED(hr) || !NthFails(g_queries, g_failQueryEvery))
+            return hr;
+        Release();
+        *out = nullptr;
+        return E_NOINTERFACE;
     }
 
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override
     {
-        if (!names || !ids || count != 1 || !names[0])
-            return E_INVALIDARG;
-        if (_wcsicmp(names[0], kThrowingName) == 0)
+        if (names && count > 0 && names[0] && _wcsicmp(names[0], kThrowingName) == 0)
             throw std::runtime_error("HostileFixture.GetIDsOfNames");
-        for (const MemberName& member : kMembers) {
-            if (_wcsicmp(names[0], member.name) == 0) {
-                ids[0] = member.id;
-                return S_OK;
-            }
-        }
-        ids[0] = DISPID_UNKNOWN;
-        return DISP_E_UNKNOWNNAME;
+        return CDualDispatch::GetIDsOfNames(iid, names, count, lcid, ids);
     }
 
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
@@ -174,53 +111,50 @@ public:
         VARIANT& out = result ? *result : ignored;
         LONG number = 0;
         switch (id) {
-        case kFailQueryEveryId:
+        case 1:  // FailQueryEvery
             return Setting(g_failQueryEvery, g_queries, flags, params, out);
-        case kFailAllocationEveryId:
+        case 2:  // FailAllocationEvery
             return Setting(g_failAllocationEvery, g_allocations, flags, params, out);
-        case kGarbageTextId:
-            return GarbageText(params);
-        case kGarbageVariantId:
-            return GarbageVariant(params);
-        case kGarbageObjectId:
-            return GarbageObject(params);
-        case kGarbageArrayId:
-            return GarbageArray(params);
-        case kFailWithResultId:
-            // Against COM's advice, but valid: the caller clears it.
+        case 3:  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
+        case 4:
+        case 5:
+        case 6:
+            return GarbageCell(id, params);
+        case 7:  // FailWithResult: against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
             out.bstrVal = SysAllocString(L"left behind");
             return E_FAIL;
-        case kGarbageOutId:
-            return GarbageOut(params);
-        case kGiveTypeId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
-            return GiveType(number, out);
-        case kGiveArrayId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
-            return GiveArray(number, out);
-        case kGiveTextId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
-            return GiveText(number, out);
-        case kMakeChildId:
+        case 8:  // GarbageOut: a text out cell is freed after every call, so only a valid one can stand there.
+            if (auto* text = static_cast<BSTR*>(Cell(params, 0, VT_BSTR)))
+                *text = SysAllocString(L"left behind");
+            if (auto* object = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH)))
+                *object = reinterpret_cast<IDispatch*>(kGarbage);
+            return E_FAIL;
+        case 13:  // MakeChild
             return GiveType(VT_DISPATCH, out);
-        case kThrowId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
-            if (number == kThrowInQueryInterface) {
-                InterlockedExchange(&throwOnQuery, 1);
-                return S_OK;
-            }
-            throw std::runtime_error("HostileFixture.Invoke");
-        case kSwallowId:
+        case 15:  // Swallow
             out.vt = VT_I4;
             out.lVal = params ? static_cast<LONG>(params->cArgs) : 0;
             return S_OK;
         default:
+            break;
+        }
+        if (id < 10 || id > 14)
             return DISP_E_MEMBERNOTFOUND;
+        if (!LongArgument(params, 0, number))
+            return DISP_E_BADPARAMCOUNT;
+        switch (id) {
+        case 10:
+            return GiveType(number, out);
+        case 11:
+            return GiveArray(number, out);
+        case 12:
+            return GiveText(number, out);
+        default:  // 14, Throw
+            if (number != kThrowInQueryInterface)
+                throw std::runtime_error("HostileFixture.Invoke");
+            InterlockedExchange(&throwOnQuery, 1);
+            return S_OK;
         }
     }
 
@@ -260,67 +194,33 @@ private:
         return S_OK;
     }
 
-    static bool FreeFirst(DISPPARAMS* params)
+    // Garbage(3 to 6)(freeFirst, cell): fails with 0xdeadbeef left in the
+    // in/out cell, after freeing what came in when freeFirst is set; a text
+    // cell with freeFirst 2 gets a valid text instead.
+    static HRESULT GarbageCell(DISPID id, DISPPARAMS* params)
     {
-        LONG value = 0;
-        return LongArgument(params, 0, value) && value != 0;
-    }
-    // freeFirst 2: the text is freed and replaced by a valid one before failing.
-    static bool ReplaceValid(DISPPARAMS* params)
-    {
-        LONG value = 0;
-        return LongArgument(params, 0, value) && value == 2;
-    }
-
-    static HRESULT GarbageText(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<BSTR*>(Cell(params, 1, VT_BSTR));
-        if (!cell)
+        static constexpr VARTYPE kCellTypes[] = {VT_BSTR, VT_VARIANT, VT_DISPATCH, VT_ARRAY | VT_I4};
+        const VARTYPE type = kCellTypes[id - 3];
+        void* cell = Cell(params, 1, type);
+        LONG freeFirst = 0;
+        if (!cell || !LongArgument(params, 0, freeFirst))
             return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            SysFreeString(*cell);
-        *cell = ReplaceValid(params) ? SysAllocString(L"replaced") : Garbage<BSTR>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageVariant(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<VARIANT*>(Cell(params, 1, VT_VARIANT));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            VariantClear(cell);
-        cell->vt = VT_BSTR;
-        cell->bstrVal = Garbage<BSTR>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageObject(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params) && *cell)
-            (*cell)->Release();
-        *cell = Garbage<IDispatch*>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageArray(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<SAFEARRAY**>(Cell(params, 1, VT_ARRAY | VT_I4));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            SafeArrayDestroy(*cell);
-        *cell = Garbage<SAFEARRAY*>();
-        return E_FAIL;
-    }
-    // Out cells: by COM's rules they come in holding nothing of the callee's.
-    static HRESULT GarbageOut(DISPPARAMS* params)
-    {
-        // A text out cell is freed after every call, so only a valid one can stand there.
-        if (auto* text = static_cast<BSTR*>(Cell(params, 0, VT_BSTR)))
-            *text = SysAllocString(L"left behind");
-        if (auto* object = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH)))
-            *object = Garbage<IDispatch*>();
+        if (type == VT_VARIANT) {
+            auto* variant = static_cast<VARIANT*>(cell);
+            if (freeFirst)
+                VariantClear(variant);
+            variant->vt = VT_BSTR;
+            variant->bstrVal = reinterpret_cast<BSTR>(kGarbage);
+            return E_FAIL;
+        }
+        auto* held = static_cast<void**>(cell);
+        if (freeFirst) {
+            VARIANT owner;  // frees, releases or destroys by its type
+            owner.vt = type;
+            owner.byref = *held;
+            VariantClear(&owner);
+        }
+        *held = type == VT_BSTR && freeFirst == 2 ? SysAllocString(L"replaced") : reinterpret_cast<void*>(kGarbage);
         return E_FAIL;
     }
 
@@ -460,7 +360,6 @@ private:
 
     static constexpr char kNarrowText[] = "abc\0\0\0";
 
-    volatile LONG references = 1;  // the creator's
     volatile LONG throwOnQuery = 0;
     // What by-reference results point at: zeros, a valid value of every type.
     union {
