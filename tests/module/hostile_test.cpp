@@ -1,0 +1,634 @@
+// Hostile input through the module's exports, as a host passes it. From
+// scripts: identity texts, monikers, method keys, tag texts, type words and
+// signatures, items that don't fit their signature, and a host table with
+// holes. From servers that break the rules: garbage left in out cells on
+// failure, results of every VARIANT type, arrays of impossible shapes, odd
+// texts, exceptions, and failing QueryInterface and allocations. Each row
+// names its status; every scenario ends with the fixture's objects and the
+// host's handlers back where they started, and under WINEDEBUG=warn+heap a
+// double free shows too.
+
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "contract/open_params.h"
+#include "tests/module/call_harness.h"
+#include "tests/servers/call_fixture_values.h"
+#include "tests/servers/hostile_fixture_values.h"
+
+using namespace MetaObj;
+using namespace HostileValues;
+
+namespace {
+
+const std::string kFixture = std::string("COM://") + FixtureValues::kProgIdNarrow;
+const std::string kHostile = std::string("COM://") + HostileValues::kProgIdNarrow;
+// The call fixture's class identifier without braces.
+const std::string kClassIdName = std::string(FixtureValues::kClassId).substr(1, 36);
+
+std::wstring Wide(const CMetaString& text)
+{
+    return text.IsEmpty() ? std::wstring() : std::wstring(text.GetWide());
+}
+
+Param Retyped(Param item, const wchar_t* signature)
+{
+    item->GetTypeDesc().signature = CMetaString(signature);
+    return item;
+}
+
+class HostileTest : public CallTest {
+protected:
+    void WithHostile(const std::function<void(CMetaObjectCOMHandler&)>& body)
+    {
+        const long before = server.LiveObjects();
+        RunInitialised([&] {
+            auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+            EXPECT_EQ(handler->Open(kHostile.c_str(), nullptr), MetaStatusOk);
+            if (handler->IsOpen())
+                body(*handler);
+            EXPECT_EQ(handler->Release(), MetaStatusClosed);
+            host.FreeReleasedHandlers(module->FreeHandlerObject);
+            EXPECT_TRUE(host.Registrations().empty()) << "a handler still in use";
+        });
+        EXPECT_EQ(server.LiveObjects(), before);
+    }
+    // Server-wide settings; each test that changes one puts it back.
+    void SetEvery(CMetaObjectCOMHandler& handler, const wchar_t* key, std::int32_t every)
+    {
+        const Param value = Int(every);
+        EXPECT_EQ(Call(handler, key, {value.get()}).status, MetaStatusOk);
+    }
+};
+
+// Identity texts, and monikers and running objects with them.
+TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
+{
+    struct Row {
+        const char* label;
+        std::string text;
+        MetaStatus status;
+        const wchar_t* moniker;  // with useRunning, the open parameters; neither: none
+        bool useRunning;
+    };
+    const std::wstring longMoniker(1000, L'm');
+    const Row rows[] = {
+        {"empty", "", MetaStatusBadIdentity, nullptr, false},
+        {"no \"://\"", FixtureValues::kProgIdNarrow, MetaStatusBadIdentity, nullptr, false},
+        {"scheme only", "COM://", MetaStatusBadIdentity, nullptr, false},
+        {"no scheme", std::string("://") + FixtureValues::kProgIdNarrow, MetaStatusBadIdentity, nullptr, false},
+        {"10,000 characters", "COM://" + std::string(10000, 'x'), MetaStatusNoObject, nullptr, false},
+        {"10,000 characters of attributes", kFixture + "?" + std::string(10000, '?'), MetaStatusOk, nullptr, false},
+        {"opening brace only", "COM://{" + kClassIdName, MetaStatusNoObject, nullptr, false},
+        {"closing brace only", "COM://" + kClassIdName + "}", MetaStatusNoObject, nullptr, false},
+        {"doubled braces", "COM://{{" + kClassIdName + "}}", MetaStatusNoObject, nullptr, false},
+        {"braces around a program identifier", std::string("COM://{") + FixtureValues::kProgIdNarrow + "}",
+         MetaStatusNoObject, nullptr, false},
+        {"cut by the NUL inside it", kFixture + std::string("\0COM://nothing", 14), MetaStatusOk, nullptr, false},
+        {"a NUL in the middle of the name", std::string("COM://ComHandler\0Test.CallFixture", 33),
+         MetaStatusNoObject, nullptr, false},
+        {"attributes repeated and empty", kFixture + "?Host=?Host=?TypeLib=?=x?flag???Username=?Password=",
+         MetaStatusOk, nullptr, false},
+        {"attribute names of white space", kFixture + "? =a?\t=b", MetaStatusOk, nullptr, false},
+        {"\"://\" inside an attribute", kFixture + "?TypeLib=COM://x", MetaStatusOk, nullptr, false},
+        {"a second scheme", "COM://COM://" + std::string(FixtureValues::kProgIdNarrow), MetaStatusNoObject, nullptr, false},
+        // Nearly class identifiers: 36 characters without a dot are taken as one.
+        {"the class identifier", "COM://" + kClassIdName, MetaStatusOk, nullptr, false},
+        {"in small letters", "COM://5b7e2c40-8d31-4f6a-b0c9-3e1d7a2f6c20", MetaStatusOk, nullptr, false},
+        {"a letter that is no hex digit", "COM://5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C2G", MetaStatusNoObject, nullptr, false},
+        {"all zeros", "COM://00000000-0000-0000-0000-000000000000", MetaStatusNoObject, nullptr, false},
+        {"a lone \"!\"", kFixture, MetaStatusNoObject, L"!", false},
+        {"a chain of \"!\"", kFixture, MetaStatusNoObject, L"!!!", false},
+        {"items of nothing", kFixture, MetaStatusNoObject, L"x!y!z", false},
+        {"a prefix alone", kFixture, MetaStatusNoObject, L"clsid:", false},
+        {"a class moniker of no class", kFixture, MetaStatusNoObject, L"clsid:00000000-0000-0000-0000-000000000000", false},
+        {"colons", kFixture, MetaStatusNoObject, L"::::", false},
+        {"1,000 characters", kFixture, MetaStatusNoObject, longMoniker.c_str(), false},
+        {"a file name that doesn't exist", kFixture, MetaStatusNoObject, L"C:\\nothing\\here.xyz", false},
+        {"the moniker wins over the running object", kFixture, MetaStatusNoObject, L"!", true},
+        {"an incomplete identity with a moniker", "COM://", MetaStatusBadIdentity, L"!", false},
+        {"a running object of a class not running", kFixture, MetaStatusNoObject, L"", true},
+        {"a running object of no class", "COM://" + std::string(200, 'r'), MetaStatusBadIdentity, L"", true},
+    };
+    const long before = server.LiveObjects();
+    RunInitialised([&] {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            CObjectOpenParams params;
+            params.moniker = CMetaString(row.moniker ? row.moniker : L"");
+            params.useRunningObject = row.useRunning ? 1 : 0;
+            auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+            const MetaStatus status = handler->Open(row.text.c_str(), row.moniker ? &params : nullptr);
+            EXPECT_EQ(status, row.status);
+            EXPECT_EQ(handler->IsOpen(), status == MetaStatusOk);
+            EXPECT_EQ(handler->Release(), MetaStatusClosed);
+            host.FreeReleasedHandlers(module->FreeHandlerObject);
+        }
+        EXPECT_TRUE(host.Registrations().empty());
+    });
+    EXPECT_EQ(server.LiveObjects(), before);
+}
+
+// A key that names no member makes a call object all the same; the call fails
+// and leaves the record alone.
+TEST_F(HostileTest, MethodKeys)
+{
+    struct Row {
+        const char* label;
+        std::wstring key;
+        MetaStatus status;
+        std::uint32_t code;
+    };
+    const Row rows[] = {
+        {"empty", L"", MetaStatusInvokeFailed, kUntouchedCode},
+        {"only a colon", L":", MetaStatusInvokeFailed, kUntouchedCode},
+        {"a prefix and no name", L"Get:", MetaStatusInvokeFailed, kUntouchedCode},
+        {"no colon", L"GetNumber", MetaStatusInvokeFailed, kUntouchedCode},
+        {"a second colon stays in the name", L"Get:Get:Number", MetaStatusInvokeFailed, kUntouchedCode},
+        {"1,000 characters", L"Get:" + std::wstring(996, L'n'), MetaStatusInvokeFailed, kUntouchedCode},
+        {"blanks around the name", L"Get: Number ", MetaStatusInvokeFailed, kUntouchedCode},
+        {"the prefix in small letters", L"get:number", MetaStatusOk, 1},
+        // An unknown prefix calls as a method, and the property refuses that.
+        {"an unknown prefix", L"Fetch:Number", MetaStatusInvokeFailed, 65535},
+        {"an empty prefix", L":Number", MetaStatusInvokeFailed, 65535},
+    };
+    WithFixture([&](CMetaObjectCOMHandler& handler) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            const Outcome outcome = Call(handler, row.key.c_str());
+            EXPECT_EQ(outcome.status, row.status);
+            EXPECT_EQ(outcome.record.code, row.code);
+            if (row.status != MetaStatusOk) {
+                EXPECT_EQ(outcome.result, nullptr);
+                EXPECT_EQ(Narrow(outcome.record.source), kUntouchedText);
+            }
+        }
+    });
+}
+
+TEST_F(HostileTest, VarParamTagsBeyondTheLimitAndMalformed)
+{
+    struct Row {
+        const char* label;
+        std::wstring tag;
+        bool parsed;
+        std::wstring name;
+    };
+    const std::wstring longName(200, L'v');
+    const Row rows[] = {
+        // The name would not fit the host's field: refused whole rather than cut.
+        {"a name of 200 characters", L"<@VARPARAM NAME=\"" + longName + L"\">", false, L"before"},
+        {"a name of 51 characters", L"<@VARPARAM NAME=\"" + longName.substr(0, 51) + L"\">", true,
+         longName.substr(0, 51)},
+        {"NAME= inside another word", L"<@VARPARAM XNAME=b>", true, L"b"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        CMetaObjectString item;
+        item.SetTagText(CMetaString(row.tag.c_str()));
+        CMetaString name(L"before");
+        CMetaString scope(L"before");
+        EXPECT_EQ(item.ParseVarParam(name, scope), row.parsed);
+        EXPECT_EQ(Wide(name), row.name);
+    }
+}
+
+// A tag text is stored and travels with its item; only "<@NULLOBJECT>" changes
+// what goes out, and a cut one does not.
+TEST_F(HostileTest, CutTagTextsTravelWithTheirItems)
+{
+    const std::wstring tag = L"<@NULLOBJECT>";
+    WithFixture([&](CMetaObjectCOMHandler& handler) {
+        for (std::size_t cut = 0; cut <= tag.size(); ++cut) {
+            SCOPED_TRACE(cut);
+            Param value = Int(5);
+            value->SetTagText(CMetaString(tag.substr(0, cut).c_str()));
+            const Outcome outcome = Call(handler, L"Invoke:EchoVariant", {value.get()});
+            EXPECT_EQ(outcome.status, MetaStatusOk);
+            EXPECT_NE(outcome.result, nullptr);
+            if (cut == tag.size()) {
+                EXPECT_NE(dynamic_cast<CMetaObjectUnknown*>(outcome.result.get()), nullptr) << "VT_NULL came back";
+            } else {
+                EXPECT_NE(dynamic_cast<CMetaObjectInt*>(outcome.result.get()), nullptr) << "the value went out";
+            }
+        }
+    });
+}
+
+TEST_F(HostileTest, TypeWordsOfEveryLength)
+{
+    struct Row {
+        const char* label;
+        std::wstring word;
+        MetaStatus status;
+    };
+    const Row rows[] = {
+        {"empty", L"", MetaStatusBadType},
+        {"a known word and more", L"INT" + std::wstring(60, L'X'), MetaStatusBadType},
+        {"10,000 characters", std::wstring(10000, L'T'), MetaStatusBadType},
+        {"a signature, not a word", L"VT_I4", MetaStatusBadType},
+        {"the longest word, by reference", L"enumeration", MetaStatusOk},
+    };
+    RunInitialised([&] {
+        CMetaObjectHandler* handler = module->GetHandlerObject();
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            CMetaString out(L"untouched");
+            EXPECT_EQ(handler->GetTypeSignature(CMetaString(row.word.c_str()), out, true), row.status);
+            if (row.status != MetaStatusOk) {
+                EXPECT_EQ(Wide(out), L"untouched");
+            }
+        }
+        EXPECT_EQ(handler->Release(), MetaStatusClosed);
+        host.FreeReleasedHandlers(module->FreeHandlerObject);
+    });
+}
+
+// Items whose signature is too long, unknown, or names another class than the
+// item's: no translation, so Invoke never runs and the record stays.
+TEST_F(HostileTest, ItemsThatDontFitTheirSignature)
+{
+    using Make = std::function<Param()>;
+    struct Row {
+        const char* label;
+        const wchar_t* key;
+        Make make;
+        MetaStatus status;
+        bool invoked;
+    };
+    const std::wstring longSignature = L"VT_I4" + std::wstring(60, L' ');
+    std::wstring pointers = L"VT_I4";
+    for (int at = 0; at < 12; ++at)
+        pointers += L"|VT_PTR";
+    const Row rows[] = {
+        {"a signature of 65 characters", L"Invoke:EchoI4", [&] { return Int(1, longSignature.c_str()); },
+         MetaStatusInvokeFailed, false},
+        {"a name of 60 letters", L"Invoke:EchoI4", [] { return Int(1, (L"VT_" + std::wstring(57, L'Q')).c_str()); },
+         MetaStatusInvokeFailed, false},
+        {"twelve pointer marks, by reference", L"Invoke:RefI4",
+         [&] { return ByRef(Int(1, pointers.c_str()), kInOut); }, MetaStatusOk, true},
+        {"an empty signature", L"Invoke:EchoI4", [] { return Int(1, L""); }, MetaStatusInvokeFailed, false},
+        {"a text for VT_I4", L"Invoke:EchoI4", [] { return Text(L"5", L"VT_I4"); }, MetaStatusInvokeFailed, false},
+        {"a number for VT_BSTR", L"Invoke:EchoBstr", [] { return Int(5, L"VT_BSTR"); }, MetaStatusInvokeFailed,
+         false},
+        {"a real for VT_BOOL", L"Invoke:EchoBool", [] { return Real(1, L"VT_BOOL"); }, MetaStatusInvokeFailed,
+         false},
+        {"a bool for VT_R8", L"Invoke:EchoR8", [] { return Retyped(Bool(1), L"VT_R8"); }, MetaStatusInvokeFailed,
+         false},
+        {"a number for VT_DISPATCH", L"Invoke:EchoDispatch", [] { return Int(5, L"VT_DISPATCH"); },
+         MetaStatusInvokeFailed, false},
+        {"a struct for VT_BSTR", L"Invoke:EchoBstr", [] { return Retyped(Point(1, 2), L"VT_BSTR"); },
+         MetaStatusInvokeFailed, false},
+        {"a number as enumeration without values", L"Invoke:EchoColour",
+         [] {
+             Param number = Int(1, L"VT_BYREF");
+             number->GetTypeDesc().type = MetaTypeEnum;
+             return number;
+         },
+         MetaStatusInvokeFailed, false},
+        {"a text as enumeration with values", L"Invoke:EchoColour",
+         [] {
+             Param text = Text(L"1", L"VT_BYREF");
+             Param colour = Colour(1);
+             text->GetTypeDesc().Assign(colour->GetTypeDesc());
+             return text;
+         },
+         MetaStatusInvokeFailed, false},
+    };
+    WithFixture([&](CMetaObjectCOMHandler& handler) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            const std::string before = LastCall(handler);
+            const Param param = row.make();
+            const Outcome outcome = Call(handler, row.key, {param.get()});
+            EXPECT_EQ(outcome.status, row.status);
+            EXPECT_EQ(LastCall(handler) != before, row.invoked);
+        }
+    });
+}
+
+// A table with a hole where the module looks: the load entries count as
+// refusing, a missing access check allows, a missing registration is skipped.
+TEST_F(HostileTest, HostTablesWithNullEntries)
+{
+    struct Row {
+        const char* label;
+        int word;  // -1: no table at all
+        MetaStatus load;
+        bool registered;
+    };
+    const Row rows[] = {
+        {"no context", 0, MetaStatusNoTypeInfo, false},
+        {"no BeginObjectLoad", 20, MetaStatusNoTypeInfo, true},
+        {"no EndObjectLoad", 21, MetaStatusNoTypeInfo, true},
+        {"no GetMethodTable", 25, MetaStatusNoTypeInfo, true},
+        {"no RegisterHandler", 26, MetaStatusOk, false},
+        {"no CheckObjectAccess", 27, MetaStatusOk, true},
+        {"no table", -1, MetaStatusNoTypeInfo, false},
+    };
+    const long before = server.LiveObjects();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        CHandlerEnvironment table = *host.Table();
+        if (row.word >= 0)
+            reinterpret_cast<void**>(&table)[row.word] = nullptr;
+        module->SetEnvironment(row.word >= 0 ? &table : nullptr);
+        RunInitialised([&] {
+            CMetaObjectHandler* handler = module->GetHandlerObject();
+            EXPECT_EQ(host.Registrations().size(), row.registered ? 1u : 0u);
+            EXPECT_EQ(handler->Open(kFixture.c_str(), nullptr), MetaStatusOk);
+            EXPECT_EQ(handler->LoadObjectInfo(nullptr), row.load);
+            const bool described = row.load == MetaStatusOk;
+            EXPECT_EQ(handler->GetMethodCount() > 0, described);
+            CMethodNameList* names = nullptr;
+            EXPECT_EQ(handler->GetMethodNames(&names), described ? MetaStatusOk : MetaStatusNoTypeInfo);
+            handler->FreeMethodNameList(names);
+            EXPECT_EQ(handler->UnloadObjectInfo(), 0u);
+            EXPECT_EQ(Call(*static_cast<CMetaObjectCOMHandler*>(handler), L"Get:Number").status, MetaStatusOk);
+            EXPECT_EQ(handler->Release(), MetaStatusClosed);
+            if (row.registered)
+                host.FreeReleasedHandlers(module->FreeHandlerObject);
+            else
+                module->FreeHandlerObject(handler);
+        });
+        module->SetEnvironment(host.Table());
+        EXPECT_TRUE(host.Registrations().empty());
+    }
+    EXPECT_EQ(server.LiveObjects(), before);
+}
+
+
+using Bounds = std::vector<std::pair<std::int32_t, std::int32_t>>;
+
+// An array of VT_I4 with the given bounds, element i holding i when a block was made.
+Param IntArray(const Bounds& bounds, std::int32_t direction = kIn)
+{
+    auto* array = new CMetaObjectArray;
+    array->SetValue(CMetaString(L"VT_I4|VT_ARRAY"));
+    CTypeDesc type;
+    type.type = MetaTypeInt;
+    type.signature = CMetaString(L"VT_I4|VT_ARRAY");
+    type.EnsureBounds();
+    for (const auto& bound : bounds)
+        type.bounds->Add(bound.first, bound.second);
+    array->InitElements(type);
+    for (std::int32_t at = 0; array->elements && at < array->elementCount; ++at)
+        array->elements[at] = Int(at).release();
+    array->SetDirection(direction);
+    return Param(array);
+}
+
+// What a result item is, in a word; a text by its length.
+std::string Kind(const CMetaObjectItem* item)
+{
+    if (item == nullptr)
+        return "none";
+    if (const auto* text = dynamic_cast<const CMetaObjectString*>(item))
+        return "text " + std::to_string(text->value.IsEmpty() ? 0 : std::wcslen(text->value.GetWide()));
+    if (dynamic_cast<const CMetaObjectUnknown*>(item))
+        return "unknown";
+    if (ObjectOf(item))
+        return "object";
+    return dynamic_cast<const CMetaObjectArray*>(item) ? "array" : "other";
+}
+
+
+// By COM's rules a failing callee leaves its out cells valid; these leave
+// 0xdeadbeef in cells of VARIANTs, objects and arrays. The call fails with no
+// write-back, and nothing the server left is freed, released or read. A cell
+// that changed is given up: when the server did not release what went out,
+// that one reference is lost, and the row puts it back by hand. A text cell's
+// BSTR is freed after every call, so there only a valid replacement is shown:
+// it is freed, not leaked (heap checking would see a double free).
+TEST_F(HostileTest, GarbageInOutCellsOnFailure)
+{
+    struct Row {
+        const char* label;
+        const wchar_t* key;
+        std::int32_t freeFirst;
+        std::function<Param(CMetaObjectCOMHandler&)> cell;
+        ULONG lostReferences;
+    };
+    const auto text = [](const wchar_t* signature) {
+        return [signature](CMetaObjectCOMHandler&) { return ByRef(Text(L"went in", signature), kInOut); };
+    };
+    const auto object = [this](CMetaObjectCOMHandler& handler) {
+        const Outcome child = Call(handler, L"Invoke:MakeChild");
+        return ByRef(ObjectItem(ObjectOf(child.result.get())), kInOut);
+    };
+    const auto array = [](CMetaObjectCOMHandler&) { return IntArray({{0, 3}}, kInOut); };
+    const Row rows[] = {
+        {"BSTR cell, freed and replaced by a valid text", L"Invoke:GarbageText", 2, text(L"VT_BSTR"), 0},
+        {"VARIANT cell", L"Invoke:GarbageVariant", 0, text(L"VT_VARIANT"), 0},
+        {"VARIANT cell, cleared first", L"Invoke:GarbageVariant", 1, text(L"VT_VARIANT"), 0},
+        {"object cell", L"Invoke:GarbageObject", 0, object, 1},
+        {"object cell, released first", L"Invoke:GarbageObject", 1, object, 0},
+        {"array cell", L"Invoke:GarbageArray", 0, array, 0},
+        {"array cell, destroyed first", L"Invoke:GarbageArray", 1, array, 0},
+    };
+    WithHostile([&](CMetaObjectCOMHandler& handler) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            const Param freeFirst = Int(row.freeFirst);
+            const Param cell = row.cell(handler);
+            IDispatch* const objectBefore = ObjectOf(cell.get());
+            const ULONG referencesBefore = objectBefore ? RefCount(objectBefore) : 0;
+            const Outcome outcome = Call(handler, row.key, {freeFirst.get(), cell.get()});
+            if (objectBefore) {
+                EXPECT_EQ(RefCount(objectBefore), referencesBefore + row.lostReferences);
+                for (ULONG lost = 0; lost < row.lostReferences; ++lost)
+                    objectBefore->Release();
+            }
+            EXPECT_EQ(outcome.status, MetaStatusInvokeFailed);
+            EXPECT_EQ(outcome.record.code, 65535u);
+            EXPECT_EQ(outcome.result, nullptr);
+            if (auto* kept = dynamic_cast<CMetaObjectString*>(cell.get())) {
+                EXPECT_EQ(Narrow(kept->value), "went in");
+            }
+            EXPECT_EQ(ObjectOf(cell.get()), objectBefore);
+        }
+        // Out cells: a valid BSTR and garbage in the object; the object item stays empty.
+        const Param textOut = ByRef(Text(L"", L"VT_BSTR"), kOut);
+        const Param objectOut = ByRef(ObjectItem(nullptr), kOut);
+        EXPECT_EQ(Call(handler, L"Invoke:GarbageOut", {textOut.get(), objectOut.get()}).status,
+                  MetaStatusInvokeFailed);
+        EXPECT_EQ(ObjectOf(objectOut.get()), nullptr);
+    });
+}
+
+// Every vt a server may put in a result, plain, by reference, as an array and
+// both: the call succeeds, a by-reference value is shown as a number and never
+// followed, and whatever the item holds is given back.
+TEST_F(HostileTest, ResultsOfEveryType)
+{
+    std::vector<std::int32_t> types{kNullByRef, kSelfByRef};
+    for (std::int32_t vt = VT_EMPTY; vt <= VT_CLSID; ++vt) {
+        for (std::int32_t extra : {0, +VT_BYREF, +VT_ARRAY, VT_BYREF | VT_ARRAY})
+            types.push_back(vt | extra);
+    }
+    for (std::int32_t odd : {VT_VECTOR | VT_I4, VT_RESERVED | VT_I4, +VT_ILLEGALMASKED, +VT_ILLEGAL, +VT_BSTR_BLOB})
+        types.push_back(odd);
+    WithHostile([&](CMetaObjectCOMHandler& handler) {
+        for (std::int32_t vt : types) {
+            SCOPED_TRACE("vt " + std::to_string(vt));
+            const Param asked = Int(vt);
+            const Outcome outcome = Call(handler, L"Invoke:GiveType", {asked.get()});
+            ASSERT_EQ(outcome.status, MetaStatusOk);
+            const bool byRef = vt < 0 || (vt & ~VT_TYPEMASK) == VT_BYREF;
+            if (vt == VT_EMPTY || vt == VT_VOID) {
+                EXPECT_EQ(outcome.result, nullptr);
+            } else if (byRef) {
+                EXPECT_EQ(Kind(outcome.result.get()), "unknown");
+            } else if (vt == VT_DISPATCH || vt == VT_UNKNOWN) {
+                EXPECT_NE(ObjectOf(outcome.result.get()), nullptr);
+            }
+        }
+    });
+}
+
+// Arrays and texts of impossible or odd shapes both ways, structs without type
+// information, and a result left by a failing call (cleared, not read).
+TEST_F(HostileTest, OddShapesEitherWay)
+{
+    struct Row {
+        const char* label;
+        const wchar_t* key;
+        std::function<Param()> argument;
+        MetaStatus status;
+        std::string result;
+    };
+    const auto number = [](std::int32_t value) { return [value] { return Int(value); }; };
+    const auto array = [](Bounds bounds) { return [bounds] { return IntArray(bounds); }; };
+    const auto point = [](const wchar_t* name) {
+        return [name] {
+            Param item = Point(1, 2);
+            item->GetTypeDesc().SetStructName(CMetaString(name));
+            return item;
+        };
+    };
+    const Row rows[] = {
+        {"no dimensions", L"Invoke:GiveArray", number(kNoDimensions), MetaStatusOk, "none"},
+        {"65,535 dimensions", L"Invoke:GiveArray", number(kManyDimensions), MetaStatusOk, "none"},
+        {"2^32 elements over 16 bytes", L"Invoke:GiveArray", number(kOverflowingCount), MetaStatusOk, "none"},
+        {"2^31 elements over 16 bytes", L"Invoke:GiveArray", number(kNegativeCount), MetaStatusOk, "none"},
+        {"a null array", L"Invoke:GiveArray", number(kNullArray), MetaStatusOk, "none"},
+        {"an element that refers to itself", L"Invoke:GiveArray", number(kVariantHoldsItself), MetaStatusOk,
+         "array"},
+        // Arrays no SAFEARRAY can hold: no translation, so Invoke never runs.
+        {"no bounds", L"Invoke:Swallow", array({}), MetaStatusInvokeFailed, "none"},
+        {"65,536 dimensions", L"Invoke:Swallow", array(Bounds(65536, {0, 1})), MetaStatusInvokeFailed, "none"},
+        {"101 dimensions", L"Invoke:Swallow", array(Bounds(101, {0, 1})), MetaStatusInvokeFailed, "none"},
+        {"a count left open, as a type library gives it", L"Invoke:Swallow", array({{0, -1}}),
+         MetaStatusInvokeFailed, "none"},
+        {"2^32 elements", L"Invoke:Swallow", array({{0, 65536}, {0, 65536}}), MetaStatusInvokeFailed, "none"},
+        {"a negative count", L"Invoke:Swallow", array({{0, -7}}), MetaStatusInvokeFailed, "none"},
+        {"an empty dimension", L"Invoke:Swallow", array({{0, 0}}), MetaStatusOk, "other"},
+        // A struct whose type can't be found goes out as a VT_RECORD without a record.
+        {"a struct of no name", L"Invoke:Swallow", point(L""), MetaStatusOk, "other"},
+        {"a struct named by no GUID", L"Invoke:Swallow", point(L"{not a guid}"), MetaStatusOk, "other"},
+        {"a struct of a GUID of no type", L"Invoke:Swallow", point(L"{00000000-0000-0000-0000-000000000001}"),
+         MetaStatusOk, "other"},
+        {"a struct of a class's GUID", L"Invoke:Swallow", point(L"{9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20}"),
+         MetaStatusOk, "other"},
+        {"an embedded NUL ends the text", L"Invoke:GiveText", number(kEmbeddedNul), MetaStatusOk, "text 1"},
+        {"an odd byte length", L"Invoke:GiveText", number(kOddBytes), MetaStatusOk, "text 2"},
+        {"a null BSTR is empty", L"Invoke:GiveText", number(kNullText), MetaStatusOk, "text 0"},
+        {"100,000 characters", L"Invoke:GiveText", number(kLongText), MetaStatusOk, "text 100000"},
+        {"a valid result of a failing call", L"Invoke:FailWithResult", nullptr, MetaStatusInvokeFailed, "none"},
+    };
+    WithHostile([&](CMetaObjectCOMHandler& handler) {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.label);
+            const Param argument = row.argument ? row.argument() : nullptr;
+            const Outcome outcome = argument ? Call(handler, row.key, {argument.get()}) : Call(handler, row.key);
+            EXPECT_EQ(outcome.status, row.status);
+            EXPECT_EQ(Kind(outcome.result.get()), row.result);
+        }
+    });
+}
+
+TEST_F(HostileTest, CxxExceptionsOutOfTheServer)
+{
+    WithHostile([&](CMetaObjectCOMHandler& handler) {
+        const Param inInvoke = Int(kThrowInInvoke);
+        const Outcome outcome = Call(handler, L"Invoke:Throw", {inInvoke.get()});
+        EXPECT_EQ(outcome.status, MetaStatusInvokeFailed);
+        EXPECT_EQ(outcome.record.code, kUntouchedCode);
+        // The look-up runs in the call object's constructor: the slot stays empty.
+        const struct {
+            const char* label;
+            const wchar_t* key;
+            bool arm;
+        } rows[] = {
+            {"out of GetIDsOfNames", L"Invoke:ThrowOnLookUp", false},
+            {"out of QueryInterface after a failed look-up", L"Invoke:NoSuchMember", true},
+        };
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.label);
+            if (row.arm) {
+                const Param where = Int(kThrowInQueryInterface);
+                ASSERT_EQ(Call(handler, L"Invoke:Throw", {where.get()}).status, MetaStatusOk);
+            }
+            CCOMMethodInvoke* slot = nullptr;
+            EXPECT_EQ(handler.CreateMethodInvoke(&slot, CMetaString(row.key)), MetaStatusNoMemory);
+            EXPECT_EQ(slot, nullptr);
+            handler.FreeMethodInvoke(&slot);
+        }
+    });
+}
+
+// Every Nth QueryInterface of any hostile object fails: creation, wrapping of
+// results and children. Statuses may vary with N; references may not.
+TEST_F(HostileTest, EveryNthQueryInterfaceFails)
+{
+    WithHostile([&](CMetaObjectCOMHandler& control) {
+        for (std::int32_t every = 1; every <= 4; ++every) {
+            SCOPED_TRACE("every " + std::to_string(every));
+            SetEvery(control, L"Set:FailQueryEvery", every);
+            for (int round = 0; round < 3; ++round) {
+                auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+                const MetaStatus opened = handler->Open(kHostile.c_str(), nullptr);
+                EXPECT_TRUE(opened == MetaStatusOk || opened == MetaStatusNoObject) << opened;
+                for (std::int32_t vt : {+VT_DISPATCH, +VT_UNKNOWN, VT_DISPATCH | VT_ARRAY}) {
+                    if (opened != MetaStatusOk)
+                        break;
+                    const Param asked = Int(vt);
+                    const Outcome outcome = Call(*handler, L"Invoke:GiveType", {asked.get()});
+                    EXPECT_EQ(outcome.status == MetaStatusOk, outcome.record.code == 1);
+                    const Outcome child = Call(*handler, L"Invoke:MakeChild");
+                    EXPECT_EQ(child.status == MetaStatusOk, child.result != nullptr);
+                }
+                EXPECT_EQ(handler->Release(), MetaStatusClosed);
+                host.FreeReleasedHandlers(module->FreeHandlerObject);
+            }
+            SetEvery(control, L"Set:FailQueryEvery", 0);
+        }
+    });
+}
+
+// Every Nth allocation of a result fails in the server: the call fails with
+// the server's status, and the next one works.
+TEST_F(HostileTest, EveryNthAllocationFails)
+{
+    WithHostile([&](CMetaObjectCOMHandler& handler) {
+        for (std::int32_t every = 1; every <= 3; ++every) {
+            SCOPED_TRACE("every " + std::to_string(every));
+            SetEvery(handler, L"Set:FailAllocationEvery", every);
+            int failed = 0;
+            for (int call = 0; call < 6; ++call) {
+                const Param which = Int(call % 2 == 0 ? kEmbeddedNul : kLongText);
+                const Outcome outcome = Call(handler, L"Invoke:GiveText", {which.get()});
+                EXPECT_EQ(outcome.result == nullptr, outcome.status != MetaStatusOk);
+                failed += outcome.status == MetaStatusInvokeFailed;
+            }
+            EXPECT_EQ(failed, 6 / every);
+            SetEvery(handler, L"Set:FailAllocationEvery", 0);
+        }
+    });
+}
+
+}  // namespace
