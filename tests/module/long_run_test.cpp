@@ -82,7 +82,7 @@ private:
     std::uint32_t state;
 };
 
-// What a run watches; a drift of -1 is not watched.
+// What a run watches, or the drifts it allows; a drift of half the range is not watched.
 struct Figures {
     long blocks = 0;
     DWORD handles = 0;

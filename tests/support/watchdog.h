@@ -9,50 +9,42 @@
 #include <functional>
 #include <vector>
 
-namespace watchdog_detail {
-
-struct Start {
-    const std::function<void()>* body;
-    HANDLE go;
-};
-
-inline DWORD WINAPI Run(void* argument)
-{
-    const auto* start = static_cast<const Start*>(argument);
-    WaitForSingleObject(start->go, INFINITE);
-    (*start->body)();
-    return 0;
-}
-
-}  // namespace watchdog_detail
-
 // Runs every body on a thread of its own, all released at once. Returns false
 // if a thread could not be made; ends the process if the limit passes.
 inline bool RunThreadsWithWatchdog(const std::vector<std::function<void()>>& bodies, DWORD limitMilliseconds)
 {
+    struct Start {
+        const std::function<void()>* body;
+        HANDLE go;
+        static DWORD WINAPI Run(void* argument)
+        {
+            const auto* start = static_cast<const Start*>(argument);
+            WaitForSingleObject(start->go, INFINITE);
+            (*start->body)();
+            return 0;
+        }
+    };
     HANDLE go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (go == nullptr)
-        return false;
-    std::vector<watchdog_detail::Start> starts(bodies.size());
+    std::vector<Start> starts;
     std::vector<HANDLE> threads;
-    for (std::size_t at = 0; at < bodies.size(); ++at) {
-        starts[at] = {&bodies[at], go};
-        HANDLE thread = CreateThread(nullptr, 0, watchdog_detail::Run, &starts[at], 0, nullptr);
-        if (thread != nullptr)
+    for (const auto& body : bodies)
+        starts.push_back({&body, go});
+    for (Start& start : starts) {
+        if (HANDLE thread = go ? CreateThread(nullptr, 0, Start::Run, &start, 0, nullptr) : nullptr)
             threads.push_back(thread);
     }
-    SetEvent(go);
-    const DWORD waited = threads.empty() ? WAIT_OBJECT_0
-                                         : WaitForMultipleObjects(static_cast<DWORD>(threads.size()),
-                                                                  threads.data(), TRUE, limitMilliseconds);
-    if (waited == WAIT_TIMEOUT || waited == WAIT_FAILED) {
-        std::fprintf(stderr, "watchdog: %u threads still running after %lu ms: deadlock\n",
-                     static_cast<unsigned>(threads.size()), static_cast<unsigned long>(limitMilliseconds));
+    if (go)
+        SetEvent(go);
+    if (!threads.empty() && WaitForMultipleObjects(static_cast<DWORD>(threads.size()), threads.data(), TRUE,
+                                                   limitMilliseconds) >= WAIT_OBJECT_0 + threads.size()) {
+        std::fprintf(stderr, "watchdog: threads still running after %lu ms: deadlock\n",
+                     static_cast<unsigned long>(limitMilliseconds));
         std::fflush(stderr);
         TerminateProcess(GetCurrentProcess(), 3);
     }
     for (HANDLE thread : threads)
         CloseHandle(thread);
-    CloseHandle(go);
-    return threads.size() == bodies.size();
+    if (go)
+        CloseHandle(go);
+    return go && threads.size() == bodies.size();
 }
