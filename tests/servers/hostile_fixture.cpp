@@ -333,7 +333,7 @@ private:
         BSTR text = nullptr;
         switch (which) {
         case kEmbeddedNul:
-            text = SysAllocStringLen(kEmbeddedNulText, 3);
+            text = SysAllocStringLen(L"a\0b", 3);
             break;
         case kOddBytes:
             text = SysAllocStringByteLen("abc", 3);
