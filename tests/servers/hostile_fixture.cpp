@@ -330,25 +330,15 @@ private:
 
     static HRESULT GiveText(LONG which, VARIANT& out)
     {
-        BSTR text = nullptr;
-        switch (which) {
-        case kEmbeddedNul:
-            text = SysAllocStringLen(L"a\0b", 3);
-            break;
-        case kOddBytes:
-            text = SysAllocStringByteLen("abc", 3);
-            break;
-        case kNullText:
-            break;
-        case kLongText: {
-            text = SysAllocStringLen(nullptr, kLongTextLength);
-            if (text)
-                std::wmemset(text, L'x', kLongTextLength);
-            break;
-        }
-        default:
+        if (which < kEmbeddedNul || which > kLongText)
             return E_INVALIDARG;
-        }
+        BSTR text = nullptr;
+        if (which == kEmbeddedNul)
+            text = SysAllocStringLen(L"a\0b", 3);
+        else if (which == kOddBytes)
+            text = SysAllocStringByteLen("abc", 3);
+        else if (which == kLongText && (text = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
+            std::wmemset(text, L'x', kLongTextLength);
         if (which != kNullText && (!text || !Allocate())) {
             SysFreeString(text);
             return E_OUTOFMEMORY;
