@@ -133,33 +133,6 @@ TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
     EXPECT_EQ(server.LiveObjects(), before);
 }
 
-TEST_F(HostileTest, VarParamTagsBeyondTheLimitAndMalformed)
-{
-    struct Row {
-        const char* label;
-        std::wstring tag;
-        bool parsed;
-        std::wstring name;
-    };
-    const std::wstring longName(200, L'v');
-    const Row rows[] = {
-        // The name would not fit the host's field: refused whole rather than cut.
-        {"a name of 200 characters", L"<@VARPARAM NAME=\"" + longName + L"\">", false, L"before"},
-        {"a name of 51 characters", L"<@VARPARAM NAME=\"" + longName.substr(0, 51) + L"\">", true,
-         longName.substr(0, 51)},
-        {"NAME= inside another word", L"<@VARPARAM XNAME=b>", true, L"b"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.label);
-        CMetaObjectString item;
-        item.SetTagText(CMetaString(row.tag.c_str()));
-        CMetaString name(L"before");
-        CMetaString scope(L"before");
-        EXPECT_EQ(item.ParseVarParam(name, scope), row.parsed);
-        EXPECT_EQ(Wide(name), row.name);
-    }
-}
-
 // A tag text is stored and travels with its item; only "<@NULLOBJECT>" changes
 // what goes out, and a cut one does not.
 TEST_F(HostileTest, CutTagTextsTravelWithTheirItems)
