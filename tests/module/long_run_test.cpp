@@ -108,14 +108,14 @@ protected:
         module->SetEnvironment(host.Table());
     }
 
-    // Rounds of work; round(n) runs one, and the figures after rounds past
+    // Rounds of work, each a call of round; the figures after the rounds past
     // settle stay within the drifts of those after round settle.
-    void Rounds(int rounds, int settle, const std::function<void(int)>& round, const Figures& drift)
+    void Rounds(int rounds, int settle, const std::function<void()>& round, const Figures& drift)
     {
         Figures settled;
         for (int at = 1; at <= rounds && !HasFailure(); ++at) {
             SCOPED_TRACE("round " + std::to_string(at));
-            round(at);
+            round();
             EXPECT_TRUE(host.Registrations().empty()) << "handlers still in use";
             const Figures now{moduleBlocks() + LiveHeapBlocks(), OpenHandleCount(), PrivateBytes()};
             std::printf("round %d: blocks %ld, handles %lu, private bytes %zu\n", at, now.blocks,
@@ -446,7 +446,7 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
             CloseAll();
         });
         MixGenerator mix(20240611);
-        Rounds(kRounds, 2, [&](int) {
+        Rounds(kRounds, 2, [&] {
             OnWorker([&] {
                 for (int operation = 0; operation < kOperationsPerRound && !HasFatalFailure(); ++operation) {
                     std::uint32_t at = mix.Below(total);
@@ -509,7 +509,7 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
     constexpr DWORD kWatchdogMilliseconds = 45000;
     std::vector<std::vector<std::string>> problems(kThreads);
     const long liveBefore = server.LiveObjects();
-    Rounds(2, 1, [&](int) {
+    Rounds(2, 1, [&] {
         RunInitialised([&] {
             CMetaObjectCOMHandler* shared = OpenNew(kCallFixture);
             IDispatch* sharedObject = shared->GetDispatchPointer();
