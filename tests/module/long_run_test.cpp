@@ -19,7 +19,6 @@
 #include <atomic>
 #include <functional>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
