@@ -6,7 +6,7 @@
 // QueryInterface and allocations. Each row names its status; every scenario
 // ends with the fixture's objects and the host's handlers back where they
 // started, and under WINEDEBUG=warn+heap a double free shows too. Type words
-// and the parsing of keys and tags are the generated unit tests' matter.
+// and the splitting of keys are the generated unit tests' matter.
 
 #include <gtest/gtest.h>
 
@@ -126,6 +126,33 @@ TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
         EXPECT_TRUE(host.Registrations().empty());
     });
     EXPECT_EQ(server.LiveObjects(), before);
+}
+
+// <@VARPARAM> tags in their three forms, and ones the host's field can't hold.
+TEST_F(HostileTest, VarParamTags)
+{
+    const std::wstring longName(200, L'v');
+    const struct {
+        std::wstring tag;
+        bool parsed;
+        std::wstring name, scope;
+    } rows[] = {
+        {L"<@VARPARAM NAME=\"nm\" SCOPE=\"sc\">", true, L"nm", L"sc"},
+        {L"<@VARPARAM SCOPE='sc' NAME='nm'>", true, L"nm", L"sc"},
+        {L"<@VARPARAM NAME=nm SCOPE=sc>", true, L"nm", L"sc"},
+        {L"<@VARPARAM XNAME=b>", true, L"b", L"before"},
+        // Refused whole rather than cut.
+        {L"<@VARPARAM NAME=\"" + longName + L"\">", false, L"before", L"before"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(Narrow(CMetaString(row.tag.c_str())));
+        CMetaObjectString item;
+        item.SetTagText(CMetaString(row.tag.c_str()));
+        CMetaString name(L"before"), scope(L"before");
+        EXPECT_EQ(item.ParseVarParam(name, scope), row.parsed);
+        EXPECT_EQ(Narrow(name), Narrow(CMetaString(row.name.c_str())));
+        EXPECT_EQ(Narrow(scope), Narrow(CMetaString(row.scope.c_str())));
+    }
 }
 
 // A tag text is stored and travels with its item; only "<@NULLOBJECT>" changes
