@@ -1,7 +1,6 @@
 // The collection fixture's objects. The maker and the elements are served by
-// the platform's type-driven dispatch on the server file's collection library
-// (TYPELIB resource 4); a collection answers Invoke by hand, since its flags
-// make it misbehave in ways that no type description can say.
+// the platform's dispatch on the collection library (TYPELIB resource 4); a
+// collection answers Invoke by hand, as its flags make it misbehave.
 
 #include <windows.h>
 #include <olectl.h>
@@ -52,11 +51,7 @@ HRESULT CreateDual(Wanted** out, Arguments... arguments)
 class CElement : public CDual<IFixtureElement> {
 public:
     explicit CElement(LONG index) : index(index) {}
-    HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override
-    {
-        *value = index;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override { return *value = index, S_OK; }
 
 private:
     const LONG index;
@@ -73,7 +68,7 @@ HRESULT Text(const wchar_t* value, VARIANT* out)
 {
     V_VT(out) = VT_BSTR;
     V_BSTR(out) = SysAllocString(value);
-    return V_BSTR(out) ? S_OK : E_OUTOFMEMORY;
+    return S_OK;
 }
 
 // A new element in a VARIANT of the type asked.
@@ -124,48 +119,36 @@ public:
 
     bool Has(LONG flag) const { return (flags & flag) != 0; }
 
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD callFlags, DISPPARAMS*, VARIANT* result,
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD callFlags, DISPPARAMS*, VARIANT* result,
                                      EXCEPINFO*, UINT*) override
     {
-        if (!IsEqualIID(iid, IID_NULL))
-            return DISP_E_UNKNOWNINTERFACE;
         if (result == nullptr)
             return E_POINTER;
         VariantInit(result);
-        switch (id) {
-        case DISPID_NEWENUM:
+        if (id == DISPID_NEWENUM) {
             InterlockedIncrement(&newEnumCalls);
             if (Has(kNewEnumMissing) || (Has(kNewEnumMethodOnly) && callFlags != DISPATCH_METHOD))
                 return DISP_E_MEMBERNOTFOUND;
-            if (Has(kNewEnumNumber))
-                return Number(7, result);
-            if (Has(kNewEnumEmpty))
-                return S_OK;
+            if (Has(kNewEnumNumber) || Has(kNewEnumEmpty))
+                return Has(kNewEnumNumber) ? Number(7, result) : S_OK;
             if (Has(kNewEnumText))
                 return Text(L"enumerator", result);
             if (Has(kNewEnumNotEnum))
                 return ElementObject(0, VT_DISPATCH, result);
             V_VT(result) = VT_UNKNOWN;
             return get__NewEnum(&V_UNKNOWN(result));
-        case 1:
-            if (Has(kNoCount))
-                return DISP_E_MEMBERNOTFOUND;
-            if (Has(kCountText))
-                return Text(kCountTextValue, result);
-            return Number(Has(kCountNegative) ? -5 : size, result);
-        case 2:
-            return Number(enumeratorCalls, result);
-        case 3:
-            return Number(newEnumCalls, result);
-        default:
-            return DISP_E_MEMBERNOTFOUND;
         }
+        if (id == 1 && Has(kCountText))
+            return Text(kCountTextValue, result);
+        if (id == 1 && !Has(kNoCount))
+            return Number(Has(kCountNegative) ? -5 : size, result);
+        if (id == 2 || id == 3)
+            return Number(id == 2 ? enumeratorCalls : newEnumCalls, result);
+        return DISP_E_MEMBERNOTFOUND;
     }
 
     // The virtual table side, for clients that bind early.
     HRESULT STDMETHODCALLTYPE get_Count(LONG* value) override { return *value = size, S_OK; }
-    HRESULT STDMETHODCALLTYPE get_EnumeratorCalls(LONG* value) override { return *value = enumeratorCalls, S_OK; }
-    HRESULT STDMETHODCALLTYPE get_NewEnumCalls(LONG* value) override { return *value = newEnumCalls, S_OK; }
     HRESULT STDMETHODCALLTYPE get__NewEnum(IUnknown** value) override;
 
     const LONG flags;
@@ -185,14 +168,11 @@ public:
 
     HRESULT STDMETHODCALLTYPE Next(ULONG asked, VARIANT* out, ULONG* fetched) override
     {
-        Note();
         const bool tells = fetched != nullptr && !collection.Has(kNoFetched);
         if (tells)
             *fetched = 0;
-        if (out == nullptr)
-            return E_POINTER;
         ULONG limit = std::min<ULONG>(asked, collection.size - position);
-        if (collection.Has(kFailMidWalk) && position + static_cast<LONG>(limit) > kFailAt)
+        if (Failing(limit))
             return E_FAIL;
         if (collection.Has(kShortBatches))
             limit = std::min<ULONG>(limit, kShortBatch);
@@ -211,32 +191,29 @@ public:
     }
     HRESULT STDMETHODCALLTYPE Skip(ULONG count) override
     {
-        Note();
-        const LONG moved = static_cast<LONG>(std::min<ULONG>(count, collection.size - position));
-        if (collection.Has(kFailMidWalk) && position + moved > kFailAt)
+        const ULONG moved = std::min<ULONG>(count, collection.size - position);
+        if (Failing(moved))
             return E_FAIL;
         position += moved;
-        return static_cast<ULONG>(moved) == count ? S_OK : S_FALSE;
+        return moved == count ? S_OK : S_FALSE;
     }
     HRESULT STDMETHODCALLTYPE Reset() override
     {
-        Note();
-        if (collection.Has(kResetFails))
+        if (Note() && collection.Has(kResetFails))
             return E_FAIL;
         position = 0;
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Clone(IEnumVARIANT** out) override
     {
-        Note();
-        if (out == nullptr)
-            return E_POINTER;
-        *out = collection.Has(kNoClone) ? nullptr : new CEnumerator(collection, position);
+        *out = Note() && collection.Has(kNoClone) ? nullptr : new CEnumerator(collection, position);
         return *out ? S_OK : E_NOTIMPL;
     }
 
 private:
-    void Note() { InterlockedIncrement(&collection.enumeratorCalls); }
+    bool Note() { return InterlockedIncrement(&collection.enumeratorCalls) != 0; }
+    // Counts the call; true when moving by this many passes kFailAt.
+    bool Failing(ULONG moving) { return Note() && collection.Has(kFailMidWalk) && position + LONG(moving) > kFailAt; }
 
     CCollection& collection;
     LONG position;
