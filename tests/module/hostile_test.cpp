@@ -1,12 +1,7 @@
-// Hostile input through the module's exports, as a host passes it. From
-// scripts: identity texts, monikers, method keys, tag texts, items that don't
-// fit their signature, and a host table with holes. From servers that break
-// the rules: garbage left in out cells on failure, results of every VARIANT
-// type, arrays of impossible shapes, odd texts, exceptions, and failing
-// QueryInterface and allocations. Each row names its status; every scenario
-// ends with the fixture's objects and the host's handlers back where they
-// started, and under WINEDEBUG=warn+heap a double free shows too. Type words
-// and the splitting of keys are the generated unit tests' matter.
+// Hostile input through the module's exports, as a host passes it: texts,
+// keys, tags and items a script may pass, a host table with holes, and servers
+// that break the rules. Every scenario ends with the fixture's objects and the
+// host's handlers back where they started.
 
 #include <gtest/gtest.h>
 
@@ -29,12 +24,6 @@ const std::string kFixture = std::string("COM://") + FixtureValues::kProgIdNarro
 const std::string kHostile = std::string("COM://") + HostileValues::kProgIdNarrow;
 // The call fixture's class identifier without braces.
 const std::string kClassIdName = std::string(FixtureValues::kClassId).substr(1, 36);
-
-Param Retyped(Param item, const wchar_t* signature)
-{
-    item->GetTypeDesc().signature = CMetaString(signature);
-    return item;
-}
 
 class HostileTest : public CallTest {
 protected:
@@ -75,35 +64,19 @@ TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
         {"empty", "", MetaStatusBadIdentity, nullptr, false},
         {"no \"://\"", FixtureValues::kProgIdNarrow, MetaStatusBadIdentity, nullptr, false},
         {"scheme only", "COM://", MetaStatusBadIdentity, nullptr, false},
-        {"no scheme", std::string("://") + FixtureValues::kProgIdNarrow, MetaStatusBadIdentity, nullptr, false},
         {"10,000 characters", "COM://" + std::string(10000, 'x'), MetaStatusNoObject, nullptr, false},
         {"10,000 characters of attributes", kFixture + "?" + std::string(10000, '?'), MetaStatusOk, nullptr, false},
-        {"opening brace only", "COM://{" + kClassIdName, MetaStatusNoObject, nullptr, false},
-        {"closing brace only", "COM://" + kClassIdName + "}", MetaStatusNoObject, nullptr, false},
         {"doubled braces", "COM://{{" + kClassIdName + "}}", MetaStatusNoObject, nullptr, false},
-        {"braces around a program identifier", std::string("COM://{") + FixtureValues::kProgIdNarrow + "}",
-         MetaStatusNoObject, nullptr, false},
         {"cut by the NUL inside it", kFixture + std::string("\0COM://nothing", 14), MetaStatusOk, nullptr, false},
-        {"a NUL in the middle of the name", std::string("COM://ComHandler\0Test.CallFixture", 33),
-         MetaStatusNoObject, nullptr, false},
         {"attributes repeated and empty", kFixture + "?Host=?Host=?TypeLib=?=x?flag???Username=?Password=",
          MetaStatusOk, nullptr, false},
-        {"attribute names of white space", kFixture + "? =a?\t=b", MetaStatusOk, nullptr, false},
-        {"\"://\" inside an attribute", kFixture + "?TypeLib=COM://x", MetaStatusOk, nullptr, false},
         {"a second scheme", "COM://COM://" + std::string(FixtureValues::kProgIdNarrow), MetaStatusNoObject, nullptr, false},
         // Nearly class identifiers: 36 characters without a dot are taken as one.
-        {"the class identifier", "COM://" + kClassIdName, MetaStatusOk, nullptr, false},
         {"in small letters", "COM://5b7e2c40-8d31-4f6a-b0c9-3e1d7a2f6c20", MetaStatusOk, nullptr, false},
         {"a letter that is no hex digit", "COM://5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C2G", MetaStatusNoObject, nullptr, false},
-        {"all zeros", "COM://00000000-0000-0000-0000-000000000000", MetaStatusNoObject, nullptr, false},
-        {"a lone \"!\"", kFixture, MetaStatusNoObject, L"!", false},
         {"a chain of \"!\"", kFixture, MetaStatusNoObject, L"!!!", false},
-        {"items of nothing", kFixture, MetaStatusNoObject, L"x!y!z", false},
-        {"a prefix alone", kFixture, MetaStatusNoObject, L"clsid:", false},
         {"a class moniker of no class", kFixture, MetaStatusNoObject, L"clsid:00000000-0000-0000-0000-000000000000", false},
-        {"colons", kFixture, MetaStatusNoObject, L"::::", false},
         {"1,000 characters", kFixture, MetaStatusNoObject, longMoniker.c_str(), false},
-        {"a file name that doesn't exist", kFixture, MetaStatusNoObject, L"C:\\nothing\\here.xyz", false},
         {"the moniker wins over the running object", kFixture, MetaStatusNoObject, L"!", true},
         {"an incomplete identity with a moniker", "COM://", MetaStatusBadIdentity, L"!", false},
         {"a running object of a class not running", kFixture, MetaStatusNoObject, L"", true},
@@ -155,8 +128,7 @@ TEST_F(HostileTest, VarParamTags)
     }
 }
 
-// A tag text is stored and travels with its item; only "<@NULLOBJECT>" changes
-// what goes out, and a cut one does not.
+// Only a whole "<@NULLOBJECT>" tag sends VT_NULL out; a cut one sends the value.
 TEST_F(HostileTest, CutTagTextsTravelWithTheirItems)
 {
     const std::wstring tag = L"<@NULLOBJECT>";
@@ -167,21 +139,14 @@ TEST_F(HostileTest, CutTagTextsTravelWithTheirItems)
             value->SetTagText(CMetaString(tag.substr(0, cut).c_str()));
             const Outcome outcome = Call(handler, L"Invoke:EchoVariant", {value.get()});
             EXPECT_EQ(outcome.status, MetaStatusOk);
-            EXPECT_NE(outcome.result, nullptr);
-            if (cut == tag.size()) {
-                EXPECT_NE(dynamic_cast<CMetaObjectUnknown*>(outcome.result.get()), nullptr) << "VT_NULL came back";
-            } else {
-                EXPECT_NE(dynamic_cast<CMetaObjectInt*>(outcome.result.get()), nullptr) << "the value went out";
-            }
+            EXPECT_EQ(dynamic_cast<CMetaObjectUnknown*>(outcome.result.get()) != nullptr, cut == tag.size());
         }
     });
 }
 
-// Keys and items a script may pass. A key that names no member makes a call
-// object all the same; the call fails and leaves the record alone. An item
-// whose signature is too long, unknown, or names another class than the
-// item's has no translation, so Invoke never runs; a value the enumeration
-// can't take is refused by the module in the record.
+// Keys and items a script may pass. A key that names no member fails the call
+// and leaves the record alone; an item whose signature has no translation
+// never reaches Invoke; a value the enumeration can't take is refused.
 TEST_F(HostileTest, KeysAndItemsThatDontFit)
 {
     struct Row {
@@ -198,33 +163,18 @@ TEST_F(HostileTest, KeysAndItemsThatDontFit)
         pointers += L"|VT_PTR";
     const Row rows[] = {
         {"empty", L"", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"only a colon", L":", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"a prefix and no name", L"Get:", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"no colon", L"GetNumber", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"a second colon stays in the name", L"Get:Get:Number", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
         {"1,000 characters", L"Get:" + std::wstring(996, L'n'), nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"blanks around the name", L"Get: Number ", nullptr, MetaStatusInvokeFailed, kUntouchedCode, false},
         {"the prefix in small letters", L"get:number", nullptr, MetaStatusOk, 1, false},
         // An unknown prefix calls as a method, and the property refuses that.
         {"an unknown prefix", L"Fetch:Number", nullptr, MetaStatusInvokeFailed, 65535, false},
-        {"an empty prefix", L":Number", nullptr, MetaStatusInvokeFailed, 65535, false},
         {"a signature of 65 characters", L"Invoke:EchoI4", [&] { return Int(1, longSignature.c_str()); },
          MetaStatusInvokeFailed, kUntouchedCode, false},
         {"a name of 60 letters", L"Invoke:EchoI4", [] { return Int(1, (L"VT_" + std::wstring(57, L'Q')).c_str()); },
          MetaStatusInvokeFailed, kUntouchedCode, false},
         {"twelve pointer marks, by reference", L"Invoke:RefI4",
          [&] { return ByRef(Int(1, pointers.c_str()), kInOut); }, MetaStatusOk, 1, true},
-        {"an empty signature", L"Invoke:EchoI4", [] { return Int(1, L""); }, MetaStatusInvokeFailed, kUntouchedCode, false},
         {"a text for VT_I4", L"Invoke:EchoI4", [] { return Text(L"5", L"VT_I4"); }, MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"a number for VT_BSTR", L"Invoke:EchoBstr", [] { return Int(5, L"VT_BSTR"); }, MetaStatusInvokeFailed,
-         kUntouchedCode, false},
-        {"a real for VT_BOOL", L"Invoke:EchoBool", [] { return Real(1, L"VT_BOOL"); }, MetaStatusInvokeFailed,
-         kUntouchedCode, false},
-        {"a bool for VT_R8", L"Invoke:EchoR8", [] { return Retyped(Bool(1), L"VT_R8"); }, MetaStatusInvokeFailed,
-         kUntouchedCode, false},
         {"a number for VT_DISPATCH", L"Invoke:EchoDispatch", [] { return Int(5, L"VT_DISPATCH"); },
-         MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"a struct for VT_BSTR", L"Invoke:EchoBstr", [] { return Retyped(Point(1, 2), L"VT_BSTR"); },
          MetaStatusInvokeFailed, kUntouchedCode, false},
         {"a number as enumeration without values", L"Invoke:EchoColour",
          [] {
@@ -350,13 +300,9 @@ std::string Kind(const CMetaObjectItem* item)
 }
 
 
-// By COM's rules a failing callee leaves its out cells valid; these leave
-// 0xdeadbeef in cells of VARIANTs, objects and arrays. The call fails with no
-// write-back, and nothing the server left is freed, released or read. A cell
-// that changed is given up: when the server did not release what went out,
-// that one reference is lost, and the row puts it back by hand. A text cell's
-// BSTR is freed after every call, so there only a valid replacement is shown:
-// it is freed, not leaked (heap checking would see a double free).
+// A failing server that leaves 0xdeadbeef in its out cells: the call fails
+// with no write-back, nothing left there is freed or read, and an object the
+// server did not release keeps the reference it lost (put back by hand).
 TEST_F(HostileTest, GarbageInOutCellsOnFailure)
 {
     struct Row {
@@ -376,11 +322,9 @@ TEST_F(HostileTest, GarbageInOutCellsOnFailure)
     const auto array = [](CMetaObjectCOMHandler&) { return IntArray({{0, 3}}, kInOut); };
     const Row rows[] = {
         {"BSTR cell, freed and replaced by a valid text", L"Invoke:GarbageText", 2, text(L"VT_BSTR"), 0},
-        {"VARIANT cell", L"Invoke:GarbageVariant", 0, text(L"VT_VARIANT"), 0},
         {"VARIANT cell, cleared first", L"Invoke:GarbageVariant", 1, text(L"VT_VARIANT"), 0},
         {"object cell", L"Invoke:GarbageObject", 0, object, 1},
         {"object cell, released first", L"Invoke:GarbageObject", 1, object, 0},
-        {"array cell", L"Invoke:GarbageArray", 0, array, 0},
         {"array cell, destroyed first", L"Invoke:GarbageArray", 1, array, 0},
     };
     WithHostile([&](CMetaObjectCOMHandler& handler) {
@@ -413,9 +357,7 @@ TEST_F(HostileTest, GarbageInOutCellsOnFailure)
     });
 }
 
-// Every vt a server may put in a result, plain, by reference, as an array and
-// both: the call succeeds, a by-reference value is shown as a number and never
-// followed, and whatever the item holds is given back.
+// Every vt a result may have: a by-reference value is never followed.
 TEST_F(HostileTest, ResultsOfEveryType)
 {
     std::vector<std::int32_t> types{kNullByRef, kSelfByRef};
@@ -443,8 +385,7 @@ TEST_F(HostileTest, ResultsOfEveryType)
     });
 }
 
-// Arrays and texts of impossible or odd shapes both ways, structs without type
-// information, and a result left by a failing call (cleared, not read).
+// Arrays, texts and structs of odd shapes both ways.
 TEST_F(HostileTest, OddShapesEitherWay)
 {
     struct Row {
@@ -482,9 +423,6 @@ TEST_F(HostileTest, OddShapesEitherWay)
         {"an empty dimension", L"Invoke:Swallow", array({{0, 0}}), MetaStatusOk, "other"},
         // A struct whose type can't be found goes out as a VT_RECORD without a record.
         {"a struct of no name", L"Invoke:Swallow", point(L""), MetaStatusOk, "other"},
-        {"a struct named by no GUID", L"Invoke:Swallow", point(L"{not a guid}"), MetaStatusOk, "other"},
-        {"a struct of a GUID of no type", L"Invoke:Swallow", point(L"{00000000-0000-0000-0000-000000000001}"),
-         MetaStatusOk, "other"},
         {"a struct of a class's GUID", L"Invoke:Swallow", point(L"{9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20}"),
          MetaStatusOk, "other"},
         {"an embedded NUL ends the text", L"Invoke:GiveText", number(kEmbeddedNul), MetaStatusOk, "text 1"},
@@ -534,8 +472,7 @@ TEST_F(HostileTest, CxxExceptionsOutOfTheServer)
     });
 }
 
-// Every Nth QueryInterface of any hostile object fails: creation, wrapping of
-// results and children. Statuses may vary with N; references may not.
+// Statuses may vary with N; references may not.
 TEST_F(HostileTest, EveryNthQueryInterfaceFails)
 {
     WithHostile([&](CMetaObjectCOMHandler& control) {
@@ -563,8 +500,6 @@ TEST_F(HostileTest, EveryNthQueryInterfaceFails)
     });
 }
 
-// Every Nth allocation of a result fails in the server: the call fails with
-// the server's status, and the next one works.
 TEST_F(HostileTest, EveryNthAllocationFails)
 {
     WithHostile([&](CMetaObjectCOMHandler& handler) {
