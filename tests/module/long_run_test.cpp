@@ -1,24 +1,21 @@
 // Long runs and the host's threads, on the probe copy of the module, whose
-// count of live heap blocks shows what they leave behind. Each run is rounds
-// of work on threads of their own, as a host's workers would be: after every
-// round the counted objects are exact and no handler is left with the host,
-// and from the settled round on the heap blocks (module and host together),
-// the process's handles and its private bytes stay within a drift. List nodes
-// that the module's inline code adds to the host's lists, and the narrow copies
-// it caches in the host's strings, pass from one counter to the other, so the
-// two are added up.
+// count of live heap blocks shows what they leave behind. After every round
+// the counted objects are exact and no handler is left with the host; from
+// the settled round on, the heap blocks of module and host together (list
+// nodes and narrow copies pass from one counter to the other) and the
+// process's handles stay within a drift.
 
 #include <windows.h>
 #include <objbase.h>
 #include <oleauto.h>
 
 #include <algorithm>
-#include <cstdint>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <atomic>
 #include <functional>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -35,15 +32,14 @@ using namespace MetaObj;
 
 namespace {
 
-// Wine's worker threads come and go with their handles, and a few blocks come
-// and go between rounds with the timing, untraced; a leak of one block in a
-// round of a thousand operations still shows.
+// Wine's worker threads come and go with their handles, and a few blocks with
+// the timing, untraced; a leak of one block a round of 1,000 operations shows.
 constexpr long kBlockDrift = 8;
 constexpr DWORD kHandleDrift = 4;
-// Wine's heap keeps freed blocks in its own lists and grows in steps; a leak
-// of a few hundred bytes per call would still pass this within a few rounds.
-constexpr SIZE_T kPrivateBytesDrift = 1024 * 1024;
-constexpr std::size_t kMostOpenHandlers = 6;
+
+const std::string kCallFixture = std::string("COM://") + FixtureValues::kProgIdNarrow;
+const std::string kCollectionFixture = std::string("COM://") + CollectionValues::kProgIdNarrow;
+const std::string kArrayFixture = "COM://ComHandlerTest.ArrayFixture";
 
 std::int32_t IntOf(const CMetaObjectItem* item)
 {
@@ -64,29 +60,12 @@ std::vector<Param> Params(Made... made)
     return list;
 }
 
-// xorshift32: the same sequence from every compiler and library, unlike the
-// standard distributions.
-class MixGenerator {
-public:
-    explicit MixGenerator(std::uint32_t seed) : state(seed) {}
-    std::uint32_t Below(std::uint32_t bound)
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state % bound;
-    }
-
-private:
-    std::uint32_t state;
-};
-
-// What a run watches, or the drifts it allows; a drift of half the range is not watched.
-struct Figures {
-    long blocks = 0;
-    DWORD handles = 0;
-    SIZE_T privateBytes = 0;
-};
+// The engine's sequence is fixed by the standard, so a round can be replayed.
+using Mix = std::minstd_rand;
+std::uint32_t Below(Mix& mix, std::uint32_t bound)
+{
+    return static_cast<std::uint32_t>(mix() % bound);
+}
 
 class StressTest : public CallTest {
 protected:
@@ -107,37 +86,29 @@ protected:
         module->SetEnvironment(host.Table());
     }
 
-    // Rounds of work, each a call of round; the figures after the rounds past
-    // settle stay within the drifts of those after round settle.
-    void Rounds(int rounds, int settle, const std::function<void()>& round, const Figures& drift)
+    // Rounds of work; the figures after the rounds past settle stay within
+    // the drifts of those after round settle. Handles are watched if asked.
+    void Rounds(int rounds, int settle, const std::function<void()>& round, bool handles)
     {
-        Figures settled;
+        long settledBlocks = 0;
+        DWORD settledHandles = 0;
         for (int at = 1; at <= rounds && !HasFailure(); ++at) {
             SCOPED_TRACE("round " + std::to_string(at));
             round();
             EXPECT_TRUE(host.Registrations().empty()) << "handlers still in use";
-            const Figures now{moduleBlocks() + LiveHeapBlocks(), OpenHandleCount(), PrivateBytes()};
-            std::printf("round %d: blocks %ld, handles %lu, private bytes %zu\n", at, now.blocks,
-                        static_cast<unsigned long>(now.handles), static_cast<std::size_t>(now.privateBytes));
+            const long blocks = moduleBlocks() + LiveHeapBlocks();
+            const DWORD handleCount = OpenHandleCount();
+            std::printf("round %d: blocks %ld, handles %lu\n", at, blocks, static_cast<unsigned long>(handleCount));
             if (at <= settle) {
-                settled = now;
+                settledBlocks = blocks;
+                settledHandles = handleCount;
                 continue;
             }
-            EXPECT_LE(std::labs(now.blocks - settled.blocks), drift.blocks);
-            EXPECT_LE(now.handles, settled.handles + drift.handles);
-            EXPECT_LE(now.privateBytes, settled.privateBytes + drift.privateBytes);
+            EXPECT_LE(std::labs(blocks - settledBlocks), kBlockDrift);
+            if (handles) {
+                EXPECT_LE(handleCount, settledHandles + kHandleDrift);
+            }
         }
-    }
-
-    // The body on a new thread in the multithreaded apartment, records cleared after.
-    void OnWorker(const std::function<void()>& body)
-    {
-        RunOnThread([&] {
-            ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-            body();
-            host.ClearRecords();
-            CoUninitialize();
-        });
     }
 
     CMetaObjectCOMHandler* OpenNew(const std::string& identity, CObjectOpenParams* params = nullptr)
@@ -153,15 +124,52 @@ protected:
         host.FreeReleasedHandlers(module->FreeHandlerObject);
     }
 
+    LONG (*moduleBlocks)() = nullptr;
+    void (*setErrorText)(const CMetaObjectHandler*, const char*) = nullptr;
+};
+
+// Mixed operations, chosen by an engine with a fixed seed, on a few handlers
+// kept open across operations, and on objects of the platform.
+class LongRunTest : public StressTest {
+protected:
+    struct Step {
+        std::uint32_t weight;
+        std::function<void(Mix&)> run;
+    };
+
+    // An open handler of the identity, opened when none is; a full set loses one first.
+    CMetaObjectCOMHandler& Some(const std::string& identity, Mix& mix, bool fresh = false,
+                                CObjectOpenParams* params = nullptr)
+    {
+        std::vector<CMetaObjectCOMHandler*> found;
+        for (const auto& entry : open) {
+            if (entry.first == identity)
+                found.push_back(entry.second);
+        }
+        if (!found.empty() && !fresh)
+            return *found[Below(mix, static_cast<std::uint32_t>(found.size()))];
+        if (open.size() >= 6)
+            CloseOne(mix);
+        open.emplace_back(identity, OpenNew(identity, params));
+        return *open.back().second;
+    }
+
+    void CloseOne(Mix& mix)
+    {
+        if (open.empty())
+            return;
+        const auto at = open.begin() + Below(mix, static_cast<std::uint32_t>(open.size()));
+        Close(at->second);
+        open.erase(at);
+    }
+
     // Walks every element in batches after a skip, freeing each batch; the
     // count walked. Elements of the collection fixture tell their index.
     std::uint32_t Walk(CMetaObjectCOMHandler& collection, std::uint32_t skip, std::uint32_t batch, bool indexed)
     {
         IEnumVARIANT* slot = nullptr;
         EXPECT_EQ(collection.OpenEnumerator(&slot), MetaStatusOk);
-        if (skip > 0) {
-            EXPECT_EQ(collection.SkipElements(&slot, skip), MetaStatusOk);
-        }
+        EXPECT_EQ(collection.SkipElements(&slot, skip), MetaStatusOk);
         std::uint32_t walked = 0;
         for (std::uint32_t fetched = 1; fetched != 0 && slot;) {
             CItemList items;
@@ -179,74 +187,21 @@ protected:
         return walked;
     }
 
-    LONG (*moduleBlocks)() = nullptr;
-    void (*setErrorText)(const CMetaObjectHandler*, const char*) = nullptr;
-};
-
-const std::string kCallFixture = std::string("COM://") + FixtureValues::kProgIdNarrow;
-const std::string kCollectionFixture = std::string("COM://") + CollectionValues::kProgIdNarrow;
-const std::string kArrayFixture = "COM://ComHandlerTest.ArrayFixture";
-
-// Mixed operations, chosen by a generator with a fixed seed so that a round
-// can be replayed, on a few handlers kept open across operations, and on
-// objects of the platform, which count nothing for us.
-class LongRunTest : public StressTest {
-protected:
-    struct Step {
-        std::uint32_t weight;
-        std::function<void(MixGenerator&)> run;
-    };
-
-    // An open handler of the identity, opened when none is; a full set loses one first.
-    CMetaObjectCOMHandler& Some(const std::string& identity, MixGenerator& mix, bool fresh = false,
-                                CObjectOpenParams* params = nullptr)
-    {
-        std::vector<std::size_t> found;
-        for (std::size_t at = 0; at < open.size(); ++at) {
-            if (open[at].first == identity)
-                found.push_back(at);
-        }
-        if (!found.empty() && !fresh)
-            return *open[found[mix.Below(static_cast<std::uint32_t>(found.size()))]].second;
-        if (open.size() >= kMostOpenHandlers)
-            CloseOne(mix);
-        open.emplace_back(identity, OpenNew(identity, params));
-        return *open.back().second;
-    }
-
-    void CloseOne(MixGenerator& mix)
-    {
-        if (open.empty())
-            return;
-        const std::size_t at = mix.Below(static_cast<std::uint32_t>(open.size()));
-        Close(open[at].second);
-        open.erase(open.begin() + static_cast<std::ptrdiff_t>(at));
-    }
-
-    void CloseAll()
-    {
-        for (const auto& entry : open)
-            EXPECT_EQ(entry.second->Release(), MetaStatusClosed);
-        open.clear();
-        host.FreeReleasedHandlers(module->FreeHandlerObject);
-    }
-
     // Design time: the catalogue and a method's rows, with every record given back.
-    void Describe(MixGenerator& mix)
+    void Describe(Mix& mix)
     {
         const std::string identities[] = {kCallFixture, kCollectionFixture, kArrayFixture};
         CMetaObjectHandler* handler = module->GetHandlerObject();
-        ASSERT_EQ(handler->LoadObjectInfo(identities[mix.Below(3)].c_str()), MetaStatusOk);
+        ASSERT_EQ(handler->LoadObjectInfo(identities[Below(mix, 3)].c_str()), MetaStatusOk);
         CMethodNameList* names = nullptr;
         ASSERT_EQ(handler->GetMethodNames(&names), MetaStatusOk);
         auto key = names->begin();
-        std::advance(key, mix.Below(static_cast<std::uint32_t>(names->size())));
+        std::advance(key, Below(mix, static_cast<std::uint32_t>(names->size())));
         CMethodInfo* method = nullptr;
         EXPECT_EQ(handler->GetMethodInfo(*key, 31, &method, 0), MetaStatusOk);
         handler->FreeMethodInfo(method);
         CParamInfo* param = nullptr;
-        const MetaStatus paramStatus = handler->GetParamInfo(*key, 0, 31, &param, 0);
-        EXPECT_TRUE(paramStatus == MetaStatusOk || paramStatus == MetaStatusBadIdentity);
+        handler->GetParamInfo(*key, 0, 31, &param, 0);
         handler->FreeParamInfo(param);
         handler->FreeMethodNameList(names);
         CObjectInfo* info = nullptr;
@@ -256,66 +211,50 @@ protected:
         EXPECT_EQ(handler->Release(), MetaStatusClosed);
     }
 
-    // Objects of the platform, which count nothing for us: Scripting.Dictionary
-    // filled, read as an array and walked; VBScript.RegExp's matches walked;
-    // MSXML2.DOMDocument.6.0 parsed, its nodes selected and walked.
-    void PlatformPass(std::uint32_t which)
+    // Objects of the platform, which count nothing for us: a Dictionary
+    // filled and its items walked, or a RegExp's matches walked.
+    void PlatformPass(bool dictionary)
     {
-        if (which == 0) {
-            CMetaObjectCOMHandler* dictionary = OpenNew("COM://Scripting.Dictionary");
+        CMetaObjectCOMHandler* object = OpenNew(dictionary ? "COM://Scripting.Dictionary" : "COM://VBScript.RegExp");
+        if (dictionary) {
             for (int at = 0; at < 8; ++at) {
-                const std::wstring key = L"key" + std::to_wstring(at);
-                const Param keyItem = Text(key.c_str(), L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
-                EXPECT_EQ(Call(*dictionary, L"Invoke:Add", {keyItem.get(), value.get()}).status, MetaStatusOk);
+                const Param key = Text(std::to_wstring(at).c_str(), L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
+                EXPECT_EQ(Call(*object, L"Invoke:Add", {key.get(), value.get()}).status, MetaStatusOk);
             }
-            EXPECT_EQ(Call(*dictionary, L"Invoke:Items").status, MetaStatusOk);
-            EXPECT_EQ(Walk(*dictionary, 0, 3, false), 8u);
-            Close(dictionary);
-            return;
-        }
-        const bool expression = which == 1;
-        CMetaObjectCOMHandler* object = OpenNew(expression ? "COM://VBScript.RegExp" : "COM://MSXML2.DOMDocument.6.0");
-        const Param pattern = Text(L"[a-z]+(\\d)"), global = Bool(1), subject = Text(L"ab1 cd2 ef3 gh4");
-        const Param xml = Text(L"<list><item n='1'>one</item><item n='2'>two</item><item/></list>");
-        const Param query = Text(L"//item");
-        if (expression) {
+            EXPECT_EQ(Call(*object, L"Invoke:Items").status, MetaStatusOk);
+            EXPECT_EQ(Walk(*object, 0, 3, false), 8u);
+        } else {
+            const Param pattern = Text(L"[a-z]+(\\d)"), global = Bool(1), subject = Text(L"ab1 cd2 ef3 gh4");
             EXPECT_EQ(Call(*object, L"Set:Pattern", {pattern.get()}).status, MetaStatusOk);
             EXPECT_EQ(Call(*object, L"Set:Global", {global.get()}).status, MetaStatusOk);
-        } else {
-            EXPECT_EQ(Call(*object, L"Invoke:loadXML", {xml.get()}).status, MetaStatusOk);
-        }
-        {
-            const Outcome found = expression ? Call(*object, L"Invoke:Execute", {subject.get()})
-                                             : Call(*object, L"Invoke:selectNodes", {query.get()});
-            ASSERT_EQ(found.status, MetaStatusOk);
-            EXPECT_EQ(Walk(HandlerOf(found.result.get()), 0, 3, false), expression ? 4u : 3u);
+            const Outcome found = Call(*object, L"Invoke:Execute", {subject.get()});
+            EXPECT_EQ(found.status, MetaStatusOk);
+            if (ObjectOf(found.result.get())) {
+                EXPECT_EQ(Walk(HandlerOf(found.result.get()), 0, 3, false), 4u);
+            }
         }
         Close(object);
     }
 
-    // A call of the table on an open call fixture: every kind of argument and
-    // result, by reference, out, objects, records, failures of the server.
-    // Their values are the call tests' matter; here what counts is that
-    // every round gives back what it took.
-    void CallRow(MixGenerator& mix)
+    // A call on an open call fixture: every kind of argument and result, by
+    // reference, out, objects, records, failures of the server. Their values
+    // are the call tests' matter; here every round gives back what it took.
+    void CallRow(Mix& mix)
     {
         enum Expect { kOk, kFails, kEither };
-        const auto number = [&mix] { return static_cast<std::int32_t>(mix.Below(100000)) - 50000; };
+        const auto number = [&mix] { return static_cast<std::int32_t>(Below(mix, 100000)) - 50000; };
         IDispatch* const witnessed = &witness;
         const struct {
             const wchar_t* key;
             std::function<std::vector<Param>()> params;
             Expect expect;
         } rows[] = {
-            {L"Invoke:EchoI4", [&] { return Params(Int(number())); }, kOk},
             {L"Invoke:EchoBstr", [&] { return Params(Text(std::to_wstring(number()).c_str())); }, kOk},
             {L"Invoke:Four", [&] { return Params(Int(number()), Text(L"abc"), Real(2.5), Bool(1)); }, kOk},
             {L"Set:Cell", [&] { return Params(Int(number()), Int(7), Int(number())); }, kOk},
             {L"Get:Cell", [&] { return Params(Int(number()), Int(7)); }, kOk},
             {L"Invoke:EchoColour", [] { return Params(Colour(2)); }, kOk},
-            {L"Invoke:EchoDate", [] { return Params(Date(L"2024-02-28")); }, kOk},
             {L"Invoke:EchoCy", [] { return Params(Currency(L"12.5")); }, kOk},
-            {L"Invoke:EchoVariant", [] { return Params(Text(L"v", L"VT_VARIANT")); }, kOk},
             {L"Invoke:RefI4", [] { return Params(ByRef(Int(41), kInOut)); }, kOk},
             {L"Invoke:RefBstr", [] { return Params(ByRef(Text(L"abc"), kInOut)); }, kOk},
             {L"Invoke:OutR8", [] { return Params(ByRef(Real(0), kOut)); }, kOk},
@@ -323,18 +262,16 @@ protected:
             // The object goes in by reference and a new child comes back in its place.
             {L"Invoke:RefDispatch", [&] { return Params(ByRef(ObjectItem(witnessed), kInOut)); }, kOk},
             {L"Invoke:EchoDispatch", [&] { return Params(ObjectItem(witnessed)); }, kOk},
-            {L"Invoke:MakeChild", [] { return Params(); }, kOk},
             {L"Invoke:NullChild", [] { return Params(); }, kOk},
             {L"Invoke:OutDispatch", [&] { return Params(ByRef(ObjectItem(nullptr), kOut)); }, kOk},
             {L"Invoke:SumPoint", [&] { return Params(Point(number(), 4)); }, kOk},
             {L"Invoke:MakePoint", [&] { return Params(Int(number()), Int(5)); }, kOk},
             {L"Invoke:FailWithGarbage", [] { return Params(ByRef(Int(11), kOut), ByRef(Real(2.5), kOut)); }, kFails},
-            {L"Invoke:NotImplemented", [] { return Params(); }, kFails},
             {L"Invoke:Throw", [] { return Params(); }, kFails},
             {L"Invoke:NoSuchMember", [] { return Params(); }, kFails},
-            {L"Invoke:Shape", [&] { return Params(Int(mix.Below(FixtureValues::ShapeRowCount))); }, kEither},
+            {L"Invoke:Shape", [&] { return Params(Int(Below(mix, FixtureValues::ShapeRowCount))); }, kEither},
         };
-        const auto& row = rows[mix.Below(sizeof rows / sizeof rows[0])];
+        const auto& row = rows[Below(mix, sizeof rows / sizeof rows[0])];
         SCOPED_TRACE(Narrow(CMetaString(row.key)));
         const std::vector<Param> params = row.params();
         const Outcome outcome = Call(Some(kCallFixture, mix), row.key, Items(params));
@@ -347,23 +284,19 @@ protected:
     {
         IDispatch* const witnessed = &witness;
         return {
-            {8, [=](MixGenerator& mix) { Some(mix.Below(2) ? kCallFixture : kCollectionFixture, mix, true); }},
-            {5, [=](MixGenerator& mix) {
+            {8, [=](Mix& mix) { Some(Below(mix, 2) ? kCallFixture : kCollectionFixture, mix, true); }},
+            {10, [=](Mix& mix) {
                  CObjectOpenParams params;
-                 params.moniker = CMetaString(L"new:ComHandlerTest.CallFixture");
+                 params.moniker = CMetaString(Below(mix, 2) ? L"new:ComHandlerTest.CallFixture" : L"");
+                 params.useRunningObject = params.moniker.IsEmpty() ? 1 : 0;
                  Some(kCallFixture, mix, true, &params);
              }},
-            {5, [=](MixGenerator& mix) {
-                 CObjectOpenParams params;
-                 params.useRunningObject = 1;
-                 Some(kCallFixture, mix, true, &params);
-             }},
-            {12, [=](MixGenerator& mix) { CloseOne(mix); }},
-            {6, [=](MixGenerator& mix) { PlatformPass(mix.Below(3)); }},
-            {4, [=](MixGenerator& mix) { Describe(mix); }},
-            {60, [=](MixGenerator& mix) { CallRow(mix); }},
+            {12, [=](Mix& mix) { CloseOne(mix); }},
+            {6, [=](Mix& mix) { PlatformPass(Below(mix, 2) == 0); }},
+            {4, [=](Mix& mix) { Describe(mix); }},
+            {60, [=](Mix& mix) { CallRow(mix); }},
             // Objects held and set as a property are let go of in the same step.
-            {6, [=](MixGenerator& mix) {
+            {6, [=](Mix& mix) {
                  CMetaObjectCOMHandler& fixture = Some(kCallFixture, mix);
                  const Outcome made = Call(fixture, L"Invoke:MakeChild");
                  ASSERT_NE(ObjectOf(made.result.get()), nullptr);
@@ -376,8 +309,8 @@ protected:
                  EXPECT_EQ(Call(fixture, L"Invoke:DropHeld").status, MetaStatusOk);
              }},
             // Objects out in an array.
-            {6, [=](MixGenerator& mix) {
-                 const auto count = static_cast<std::int32_t>(mix.Below(6));
+            {6, [=](Mix& mix) {
+                 const auto count = static_cast<std::int32_t>(Below(mix, 6));
                  const Param in = Int(count);
                  const Outcome children = Call(Some(kArrayFixture, mix), L"Invoke:Children", {in.get()});
                  const auto* array = dynamic_cast<const CMetaObjectArray*>(children.result.get());
@@ -388,11 +321,11 @@ protected:
                  }
              }},
             // Walks of collections that misbehave as the module allows.
-            {7, [=](MixGenerator& mix) {
+            {7, [=](Mix& mix) {
                  using namespace CollectionValues;
                  constexpr std::int32_t kFlags[] = {kPlain, kObjects, kUnknowns, kShortBatches, kNoFetched, kOddTypes};
-                 const std::int32_t flags = kFlags[mix.Below(6)];
-                 const auto size = static_cast<std::int32_t>(mix.Below(40));
+                 const std::int32_t flags = kFlags[Below(mix, 6)];
+                 const auto size = static_cast<std::int32_t>(Below(mix, 40));
                  const Param flagsItem = Int(flags), sizeItem = Int(size);
                  const Outcome made = Call(Some(kCollectionFixture, mix), L"Invoke:Make", {flagsItem.get(), sizeItem.get()});
                  ASSERT_NE(ObjectOf(made.result.get()), nullptr);
@@ -403,8 +336,8 @@ protected:
                  EXPECT_EQ(collection.CountElements(&slot, &count), MetaStatusOk);
                  EXPECT_EQ(count, static_cast<std::uint32_t>(size));
                  EXPECT_EQ(collection.CloseEnumerator(&slot), MetaStatusOk);
-                 const std::uint32_t skip = mix.Below(3);
-                 const std::uint32_t walked = Walk(collection, skip, 1 + mix.Below(16), true);
+                 const std::uint32_t skip = Below(mix, 3);
+                 const std::uint32_t walked = Walk(collection, skip, 1 + Below(mix, 16), true);
                  if (!(flags & kOddTypes)) {
                      EXPECT_EQ(walked, static_cast<std::uint32_t>(std::max<std::int32_t>(size - skip, 0)));
                  }
@@ -418,8 +351,6 @@ protected:
 
 TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
 {
-    constexpr int kRounds = 10;
-    constexpr int kOperationsPerRound = 1000;
     RunInitialised([&] {
         CLSID classId;
         ComPtr<IDispatch> running;  // the fixture in the running object table
@@ -433,40 +364,43 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
         std::uint32_t total = 0;
         for (const Step& step : steps)
             total += step.weight;
-
-        // Each step a few times first, so that the platform's caches (type
-        // libraries, the apartment's threads) are made before anything is counted.
-        MixGenerator warmUp(1);
-        OnWorker([&] {
-            for (const Step& step : steps) {
-                for (int time = 0; time < 20; ++time)
-                    step.run(warmUp);
-            }
-            CloseAll();
-        });
-        MixGenerator mix(20240611);
-        Rounds(kRounds, 2, [&] {
-            OnWorker([&] {
-                for (int operation = 0; operation < kOperationsPerRound && !HasFatalFailure(); ++operation) {
-                    std::uint32_t at = mix.Below(total);
-                    std::size_t chosen = 0;
-                    for (; at >= steps[chosen].weight; ++chosen)
-                        at -= steps[chosen].weight;
+        Mix mix(20240611);
+        const auto pass = [&](int operations, const std::function<std::size_t(int)>& choose) {
+            RunOnThread([&] {
+                ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+                for (int operation = 0; operation < operations && !HasFatalFailure(); ++operation) {
+                    const std::size_t chosen = choose(operation);
                     SCOPED_TRACE("operation " + std::to_string(operation) + ", step " + std::to_string(chosen));
                     steps[chosen].run(mix);
-                    // What calls returned is freed by the host once unused, as a host's idle pass does.
+                    // What calls returned is freed once unused, as a host's idle pass does.
                     host.FreeReleasedHandlers(module->FreeHandlerObject);
                 }
-                CloseAll();
+                for (const auto& entry : open)
+                    EXPECT_EQ(entry.second->Release(), MetaStatusClosed);
+                open.clear();
+                host.FreeReleasedHandlers(module->FreeHandlerObject);
+                host.ClearRecords();
+                CoUninitialize();
+            });
+        };
+        // Each step a few times first, so that the platform's caches (type
+        // libraries, the apartment's threads) are made before anything is counted.
+        pass(static_cast<int>(20 * steps.size()), [](int operation) { return operation / 20; });
+        Rounds(10, 2, [&] {
+            pass(1000, [&](int) {
+                std::uint32_t at = Below(mix, total);
+                std::size_t chosen = 0;
+                for (; at >= steps[chosen].weight; ++chosen)
+                    at -= steps[chosen].weight;
+                return chosen;
             });
             EXPECT_EQ(server.LiveObjects(), liveObjects);
             EXPECT_EQ(RefCount(running.Get()), runningReferences);
             EXPECT_EQ(witness.References(), 1);
-        }, {kBlockDrift, kHandleDrift, kPrivateBytesDrift});
+        }, true);
         RevokeActiveObject(cookie, nullptr);
     });
 }
-
 // A call made without gtest, whose assertions aren't made for threads: the
 // status, and the result given back through the handler.
 struct QuietResult {
@@ -495,103 +429,86 @@ struct QuietResult {
     }
 };
 
-// The host's threads, all at once: handlers of their own made on one thread
-// and released on another, uses raced on one handler, calls on one
-// free-threaded object, an enumerator slot each on one collection, and error
-// texts that stay with their thread. Threads report what they saw and the test
-// thread judges it. The second round may leave no block more than the first.
+// The host's threads, all at once: handlers made on one thread and released
+// on the next, uses raced on one handler, calls on one free-threaded object,
+// an enumerator slot each on one collection, and error texts that stay with
+// their thread. Threads note what they saw; the test thread judges it.
 TEST_F(StressTest, EightHostThreadsAtOnce)
 {
     constexpr int kThreads = 8;
-    constexpr int kIterations = 60;
-    constexpr std::int32_t kCollectionSize = 12;
-    constexpr DWORD kWatchdogMilliseconds = 45000;
     std::vector<std::vector<std::string>> problems(kThreads);
     const long liveBefore = server.LiveObjects();
     Rounds(2, 1, [&] {
         RunInitialised([&] {
             CMetaObjectCOMHandler* shared = OpenNew(kCallFixture);
-            IDispatch* sharedObject = shared->GetDispatchPointer();
-            const ULONG sharedReferences = RefCount(sharedObject);
-            // Its uses raced from every thread; nobody calls on it meanwhile.
-            CMetaObjectHandler* raced = module->GetHandlerObject();
+            const ULONG sharedReferences = RefCount(shared->GetDispatchPointer());
+            CMetaObjectHandler* raced = module->GetHandlerObject();  // nobody calls on it meanwhile
             ASSERT_EQ(raced->Release(), MetaStatusClosed);
             CMetaObjectCOMHandler* maker = OpenNew(kCollectionFixture);
-            const Param flags = Int(CollectionValues::kObjects), size = Int(kCollectionSize);
+            const Param flags = Int(CollectionValues::kObjects), size = Int(12);
             Outcome made = Call(*maker, L"Invoke:Make", {flags.get(), size.get()});
             ASSERT_NE(ObjectOf(made.result.get()), nullptr);
             CMetaObjectHandler& collection = HandlerOf(made.result.get());
-
-            // Handlers passed from the thread that made them to the next one, which
-            // releases them; one the next thread has not taken yet is left for the end.
+            // One the next thread has not taken yet is left for the end.
             std::atomic<CMetaObjectHandler*> handoffs[kThreads] = {};
             std::vector<CMetaObjectHandler*> unclaimed[kThreads];
             std::vector<std::function<void()>> bodies;
             for (int index = 0; index < kThreads; ++index) {
                 bodies.push_back([&, index] {
-                    const auto expect = [&](bool holds, const char* what, int round) {
+                    int round = 0;
+                    const auto expect = [&](bool holds, const char* what) {
                         if (!holds)
                             problems[index].push_back(std::string(what) + " (round " + std::to_string(round) + ")");
                     };
                     if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
-                        return expect(false, "no COM", 0);
-                    for (int round = 0; round < kIterations; ++round) {
-                        // A handler of its own, opened, called and passed on to be released elsewhere.
+                        return expect(false, "no COM");
+                    for (; round < 60; ++round) {
                         CMetaObjectHandler* own = module->GetHandlerObject();
-                        expect(own->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "own open", round);
+                        expect(own->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "own open");
                         const Param in = Int(index * 100000 + round);
                         expect(IntOf(QuietResult(*own, L"Invoke:EchoI4", {in.get()}).item) == index * 100000 + round,
-                               "own echo", round);
+                               "own echo");
                         if (CMetaObjectHandler* waiting = handoffs[(index + 1) % kThreads].exchange(own))
                             unclaimed[index].push_back(waiting);
                         if (CMetaObjectHandler* passed = handoffs[index].exchange(nullptr)) {
-                            expect(ObjectOf(QuietResult(*passed, L"Invoke:MakeChild").item) != nullptr,
-                                   "child of a passed handler", round);
-                            expect(passed->Release() == MetaStatusClosed, "passed handler closes", round);
+                            expect(ObjectOf(QuietResult(*passed, L"Invoke:MakeChild").item) != nullptr, "passed child");
+                            expect(passed->Release() == MetaStatusClosed, "passed handler closes");
                         }
-                        // Uses of the raced handler: open again, or found open.
                         raced->AddUse();
-                        expect(raced->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "raced open", round);
+                        expect(raced->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "raced open");
                         raced->Release();
-                        // The free-threaded object: a cell of this thread's own.
                         const Param row = Int(index), column = Int(round), value = Int(index * 1000 + round);
                         const MetaStatus put = QuietResult(*shared, L"Set:Cell", {row.get(), column.get(), value.get()}).status;
-                        expect(put == MetaStatusOk &&
-                                   IntOf(QuietResult(*shared, L"Get:Cell", {row.get(), column.get()}).item) ==
-                                       index * 1000 + round,
-                               "shared cell", round);
-                        // An enumerator slot of this thread's own on the shared collection.
+                        expect(put == MetaStatusOk && IntOf(QuietResult(*shared, L"Get:Cell", {row.get(), column.get()}).item) ==
+                                                          index * 1000 + round,
+                               "shared cell");
                         IEnumVARIANT* slot = nullptr;
-                        expect(collection.OpenEnumerator(&slot) == MetaStatusOk, "open slot", round);
+                        expect(collection.OpenEnumerator(&slot) == MetaStatusOk, "open slot");
                         const auto skip = static_cast<std::uint32_t>((index + round) % 4);
                         collection.SkipElements(&slot, skip);
                         CItemList items;
                         std::uint32_t fetched = 0;
                         collection.NextElements(&slot, 1, items, &fetched);
-                        expect(fetched == 1 && items.size() == 1, "one element", round);
+                        expect(fetched == 1 && items.size() == 1, "one element");
                         for (CMetaObjectItem* item : items) {
                             auto* element = dynamic_cast<CMetaObjectObject*>(item);
-                            expect(element && IntOf(QuietResult(*element->handler, L"Get:Index").item) ==
-                                                  static_cast<std::int32_t>(skip),
-                                   "the slot's own position", round);
+                            expect(element && IntOf(QuietResult(*element->handler, L"Get:Index").item) == std::int32_t(skip),
+                                   "the slot's own position");
                             item->Clear();
                             collection.FreeItem(item);
                         }
-                        expect(collection.CloseEnumerator(&slot) == MetaStatusOk && slot == nullptr, "close slot",
-                               round);
+                        expect(collection.CloseEnumerator(&slot) == MetaStatusOk && slot == nullptr, "close slot");
                         // This thread's text on the shared handler, read after the others wrote theirs.
                         const std::string text = "thread " + std::to_string(index) + " round " + std::to_string(round);
                         setErrorText(shared, text.c_str());
                         SwitchToThread();
                         const char* read = shared->GetErrorText().GetNarrow();
-                        expect(read != nullptr && text == read, "own error text", round);
+                        expect(read != nullptr && text == read, "own error text");
                     }
                     CoUninitialize();
                 });
             }
-            ASSERT_TRUE(RunThreadsWithWatchdog(bodies, kWatchdogMilliseconds));
-
-            // Handlers still waiting to be passed on are released here, on yet another thread.
+            ASSERT_TRUE(RunThreadsWithWatchdog(bodies, 45000));
             for (int index = 0; index < kThreads; ++index) {
                 unclaimed[index].push_back(handoffs[index].exchange(nullptr));
                 for (CMetaObjectHandler* left : unclaimed[index]) {
@@ -601,7 +518,7 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
             EXPECT_EQ(raced->GetUseCount(), 0u);
             EXPECT_FALSE(raced->IsOpen());
             EXPECT_EQ(shared->GetUseCount(), 1u);
-            EXPECT_EQ(RefCount(sharedObject), sharedReferences);
+            EXPECT_EQ(RefCount(shared->GetDispatchPointer()), sharedReferences);
             EXPECT_TRUE(shared->GetErrorText().IsEmpty()) << "a text crossed to this thread";
             made.result.reset();
             Close(maker);
@@ -609,11 +526,10 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
             host.ClearRecords();
         });
         for (int index = 0; index < kThreads; ++index) {
-            EXPECT_TRUE(problems[index].empty()) << "thread " << index << ": " << problems[index].size()
-                                                 << " problems, first: " << problems[index].front();
+            EXPECT_TRUE(problems[index].empty()) << "thread " << index << ": " << problems[index].front();
         }
         EXPECT_EQ(server.LiveObjects(), liveBefore);
-    }, {kBlockDrift, DWORD(-1) / 2, SIZE_T(-1) / 2});
+    }, false);
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 #pragma once
-// Figures of the running process that long runs watch for growth.
+// The process's open handles, which long runs watch for growth.
 
 #include <windows.h>
-#include <psapi.h>
 #include <winternl.h>
 
 #include <vector>
@@ -37,23 +36,4 @@ inline DWORD OpenHandleCount()
         return count;
     }
     return 0;
-}
-
-// Bytes committed to this process alone. Wine's process counters give 0, so
-// the committed private regions of the address space are added up instead.
-inline SIZE_T PrivateBytes()
-{
-    PROCESS_MEMORY_COUNTERS_EX counters{};
-    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                             sizeof counters) &&
-        counters.PrivateUsage != 0)
-        return counters.PrivateUsage;
-    SIZE_T committed = 0;
-    MEMORY_BASIC_INFORMATION region{};
-    for (const BYTE* at = nullptr; VirtualQuery(at, &region, sizeof region) == sizeof region;
-         at = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize) {
-        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
-            committed += region.RegionSize;
-    }
-    return committed;
 }
