@@ -10,7 +10,6 @@
 #include <oleauto.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -163,12 +162,16 @@ protected:
         open.erase(at);
     }
 
-    // Walks every element in batches after a skip, freeing each batch; the
-    // count walked. Elements of the collection fixture tell their index.
-    std::uint32_t Walk(CMetaObjectCOMHandler& collection, std::uint32_t skip, std::uint32_t batch, bool indexed)
+    // Counts the elements, then walks them in batches after a skip, freeing
+    // each batch; the count walked. Elements of the collection fixture tell their index.
+    std::uint32_t Walk(CMetaObjectCOMHandler& collection, std::uint32_t skip, std::uint32_t batch, bool indexed,
+                       std::uint32_t count)
     {
         IEnumVARIANT* slot = nullptr;
+        std::uint32_t counted = 0;
         EXPECT_EQ(collection.OpenEnumerator(&slot), MetaStatusOk);
+        EXPECT_EQ(collection.CountElements(&slot, &counted), MetaStatusOk);
+        EXPECT_EQ(counted, count);
         EXPECT_EQ(collection.SkipElements(&slot, skip), MetaStatusOk);
         std::uint32_t walked = 0;
         for (std::uint32_t fetched = 1; fetched != 0 && slot;) {
@@ -211,29 +214,16 @@ protected:
         EXPECT_EQ(handler->Release(), MetaStatusClosed);
     }
 
-    // Objects of the platform, which count nothing for us: a Dictionary
-    // filled and its items walked, or a RegExp's matches walked.
-    void PlatformPass(bool dictionary)
+    // A Dictionary of the platform, which counts nothing for us, filled and walked.
+    void PlatformPass()
     {
-        CMetaObjectCOMHandler* object = OpenNew(dictionary ? "COM://Scripting.Dictionary" : "COM://VBScript.RegExp");
-        if (dictionary) {
-            for (int at = 0; at < 8; ++at) {
-                const Param key = Text(std::to_wstring(at).c_str(), L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
-                EXPECT_EQ(Call(*object, L"Invoke:Add", {key.get(), value.get()}).status, MetaStatusOk);
-            }
-            EXPECT_EQ(Call(*object, L"Invoke:Items").status, MetaStatusOk);
-            EXPECT_EQ(Walk(*object, 0, 3, false), 8u);
-        } else {
-            const Param pattern = Text(L"[a-z]+(\\d)"), global = Bool(1), subject = Text(L"ab1 cd2 ef3 gh4");
-            EXPECT_EQ(Call(*object, L"Set:Pattern", {pattern.get()}).status, MetaStatusOk);
-            EXPECT_EQ(Call(*object, L"Set:Global", {global.get()}).status, MetaStatusOk);
-            const Outcome found = Call(*object, L"Invoke:Execute", {subject.get()});
-            EXPECT_EQ(found.status, MetaStatusOk);
-            if (ObjectOf(found.result.get())) {
-                EXPECT_EQ(Walk(HandlerOf(found.result.get()), 0, 3, false), 4u);
-            }
+        CMetaObjectCOMHandler* dictionary = OpenNew("COM://Scripting.Dictionary");
+        for (int at = 0; at < 8; ++at) {
+            const Param key = Text(std::to_wstring(at).c_str(), L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
+            EXPECT_EQ(Call(*dictionary, L"Invoke:Add", {key.get(), value.get()}).status, MetaStatusOk);
         }
-        Close(object);
+        EXPECT_EQ(Walk(*dictionary, 0, 3, false, 8), 8u);
+        Close(dictionary);
     }
 
     // A call on an open call fixture: every kind of argument and result, by
@@ -252,17 +242,13 @@ protected:
             {L"Invoke:EchoBstr", [&] { return Params(Text(std::to_wstring(number()).c_str())); }, kOk},
             {L"Invoke:Four", [&] { return Params(Int(number()), Text(L"abc"), Real(2.5), Bool(1)); }, kOk},
             {L"Set:Cell", [&] { return Params(Int(number()), Int(7), Int(number())); }, kOk},
-            {L"Get:Cell", [&] { return Params(Int(number()), Int(7)); }, kOk},
-            {L"Invoke:EchoColour", [] { return Params(Colour(2)); }, kOk},
             {L"Invoke:EchoCy", [] { return Params(Currency(L"12.5")); }, kOk},
             {L"Invoke:RefI4", [] { return Params(ByRef(Int(41), kInOut)); }, kOk},
-            {L"Invoke:RefBstr", [] { return Params(ByRef(Text(L"abc"), kInOut)); }, kOk},
             {L"Invoke:OutR8", [] { return Params(ByRef(Real(0), kOut)); }, kOk},
             {L"Invoke:RefVariant", [] { return Params(ByRef(Text(L"abc", L"VT_VARIANT"), kInOut)); }, kOk},
             // The object goes in by reference and a new child comes back in its place.
             {L"Invoke:RefDispatch", [&] { return Params(ByRef(ObjectItem(witnessed), kInOut)); }, kOk},
             {L"Invoke:EchoDispatch", [&] { return Params(ObjectItem(witnessed)); }, kOk},
-            {L"Invoke:NullChild", [] { return Params(); }, kOk},
             {L"Invoke:OutDispatch", [&] { return Params(ByRef(ObjectItem(nullptr), kOut)); }, kOk},
             {L"Invoke:SumPoint", [&] { return Params(Point(number(), 4)); }, kOk},
             {L"Invoke:MakePoint", [&] { return Params(Int(number()), Int(5)); }, kOk},
@@ -284,15 +270,16 @@ protected:
     {
         IDispatch* const witnessed = &witness;
         return {
-            {8, [=](Mix& mix) { Some(Below(mix, 2) ? kCallFixture : kCollectionFixture, mix, true); }},
-            {10, [=](Mix& mix) {
+            {18, [=](Mix& mix) {
+                 const wchar_t* const monikers[] = {nullptr, L"new:ComHandlerTest.CallFixture", L""};
                  CObjectOpenParams params;
-                 params.moniker = CMetaString(Below(mix, 2) ? L"new:ComHandlerTest.CallFixture" : L"");
-                 params.useRunningObject = params.moniker.IsEmpty() ? 1 : 0;
-                 Some(kCallFixture, mix, true, &params);
+                 const wchar_t* moniker = monikers[Below(mix, 3)];
+                 params.moniker = CMetaString(moniker ? moniker : L"");
+                 params.useRunningObject = moniker && !*moniker ? 1 : 0;  // the fixture of the running object table
+                 Some(moniker || Below(mix, 2) ? kCallFixture : kCollectionFixture, mix, true, moniker ? &params : nullptr);
              }},
             {12, [=](Mix& mix) { CloseOne(mix); }},
-            {6, [=](Mix& mix) { PlatformPass(Below(mix, 2) == 0); }},
+            {6, [=](Mix&) { PlatformPass(); }},
             {4, [=](Mix& mix) { Describe(mix); }},
             {60, [=](Mix& mix) { CallRow(mix); }},
             // Objects held and set as a property are let go of in the same step.
@@ -329,15 +316,8 @@ protected:
                  const Param flagsItem = Int(flags), sizeItem = Int(size);
                  const Outcome made = Call(Some(kCollectionFixture, mix), L"Invoke:Make", {flagsItem.get(), sizeItem.get()});
                  ASSERT_NE(ObjectOf(made.result.get()), nullptr);
-                 CMetaObjectCOMHandler& collection = HandlerOf(made.result.get());
-                 IEnumVARIANT* slot = nullptr;
-                 std::uint32_t count = 0;
-                 EXPECT_EQ(collection.OpenEnumerator(&slot), MetaStatusOk);
-                 EXPECT_EQ(collection.CountElements(&slot, &count), MetaStatusOk);
-                 EXPECT_EQ(count, static_cast<std::uint32_t>(size));
-                 EXPECT_EQ(collection.CloseEnumerator(&slot), MetaStatusOk);
                  const std::uint32_t skip = Below(mix, 3);
-                 const std::uint32_t walked = Walk(collection, skip, 1 + Below(mix, 16), true);
+                 const std::uint32_t walked = Walk(HandlerOf(made.result.get()), skip, 1 + Below(mix, 16), true, size);
                  if (!(flags & kOddTypes)) {
                      EXPECT_EQ(walked, static_cast<std::uint32_t>(std::max<std::int32_t>(size - skip, 0)));
                  }
@@ -429,10 +409,10 @@ struct QuietResult {
     }
 };
 
-// The host's threads, all at once: handlers made on one thread and released
-// on the next, uses raced on one handler, calls on one free-threaded object,
-// an enumerator slot each on one collection, and error texts that stay with
-// their thread. Threads note what they saw; the test thread judges it.
+// The host's threads, all at once: uses raced on one handler, calls on one
+// free-threaded object, an enumerator slot each on one collection, and error
+// texts that stay with their thread. Threads note what they saw; the test
+// thread judges it.
 TEST_F(StressTest, EightHostThreadsAtOnce)
 {
     constexpr int kThreads = 8;
@@ -449,9 +429,6 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
             Outcome made = Call(*maker, L"Invoke:Make", {flags.get(), size.get()});
             ASSERT_NE(ObjectOf(made.result.get()), nullptr);
             CMetaObjectHandler& collection = HandlerOf(made.result.get());
-            // One the next thread has not taken yet is left for the end.
-            std::atomic<CMetaObjectHandler*> handoffs[kThreads] = {};
-            std::vector<CMetaObjectHandler*> unclaimed[kThreads];
             std::vector<std::function<void()>> bodies;
             for (int index = 0; index < kThreads; ++index) {
                 bodies.push_back([&, index] {
@@ -463,17 +440,6 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
                     if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
                         return expect(false, "no COM");
                     for (; round < 60; ++round) {
-                        CMetaObjectHandler* own = module->GetHandlerObject();
-                        expect(own->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "own open");
-                        const Param in = Int(index * 100000 + round);
-                        expect(IntOf(QuietResult(*own, L"Invoke:EchoI4", {in.get()}).item) == index * 100000 + round,
-                               "own echo");
-                        if (CMetaObjectHandler* waiting = handoffs[(index + 1) % kThreads].exchange(own))
-                            unclaimed[index].push_back(waiting);
-                        if (CMetaObjectHandler* passed = handoffs[index].exchange(nullptr)) {
-                            expect(ObjectOf(QuietResult(*passed, L"Invoke:MakeChild").item) != nullptr, "passed child");
-                            expect(passed->Release() == MetaStatusClosed, "passed handler closes");
-                        }
                         raced->AddUse();
                         expect(raced->Open(kCallFixture.c_str(), nullptr) == MetaStatusOk, "raced open");
                         raced->Release();
@@ -509,12 +475,6 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
                 });
             }
             ASSERT_TRUE(RunThreadsWithWatchdog(bodies, 45000));
-            for (int index = 0; index < kThreads; ++index) {
-                unclaimed[index].push_back(handoffs[index].exchange(nullptr));
-                for (CMetaObjectHandler* left : unclaimed[index]) {
-                    EXPECT_TRUE(left == nullptr || left->Release() == MetaStatusClosed);
-                }
-            }
             EXPECT_EQ(raced->GetUseCount(), 0u);
             EXPECT_FALSE(raced->IsOpen());
             EXPECT_EQ(shared->GetUseCount(), 1u);
