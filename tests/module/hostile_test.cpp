@@ -1,5 +1,5 @@
 // Hostile input through the module's exports, as a host passes it: texts,
-// keys, tags and items a script may pass, a host table with holes, and servers
+// keys, tags and items a script may pass, and servers
 // that break the rules. Every scenario ends with the fixture's objects and the
 // host's handlers back where they started.
 
@@ -207,57 +207,6 @@ TEST_F(HostileTest, KeysAndItemsThatDontFit)
         }
     });
 }
-
-// A table with a hole where the module looks: the load entries count as
-// refusing, a missing access check allows, a missing registration is skipped.
-TEST_F(HostileTest, HostTablesWithNullEntries)
-{
-    struct Row {
-        const char* label;
-        int word;  // -1: no table at all
-        MetaStatus load;
-        bool registered;
-    };
-    const Row rows[] = {
-        {"no context", 0, MetaStatusNoTypeInfo, false},
-        {"no BeginObjectLoad", 20, MetaStatusNoTypeInfo, true},
-        {"no EndObjectLoad", 21, MetaStatusNoTypeInfo, true},
-        {"no GetMethodTable", 25, MetaStatusNoTypeInfo, true},
-        {"no RegisterHandler", 26, MetaStatusOk, false},
-        {"no CheckObjectAccess", 27, MetaStatusOk, true},
-        {"no table", -1, MetaStatusNoTypeInfo, false},
-    };
-    const long before = server.LiveObjects();
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.label);
-        CHandlerEnvironment table = *host.Table();
-        if (row.word >= 0)
-            reinterpret_cast<void**>(&table)[row.word] = nullptr;
-        module->SetEnvironment(row.word >= 0 ? &table : nullptr);
-        RunInitialised([&] {
-            CMetaObjectHandler* handler = module->GetHandlerObject();
-            EXPECT_EQ(host.Registrations().size(), row.registered ? 1u : 0u);
-            EXPECT_EQ(handler->Open(kFixture.c_str(), nullptr), MetaStatusOk);
-            EXPECT_EQ(handler->LoadObjectInfo(nullptr), row.load);
-            const bool described = row.load == MetaStatusOk;
-            EXPECT_EQ(handler->GetMethodCount() > 0, described);
-            CMethodNameList* names = nullptr;
-            EXPECT_EQ(handler->GetMethodNames(&names), described ? MetaStatusOk : MetaStatusNoTypeInfo);
-            handler->FreeMethodNameList(names);
-            EXPECT_EQ(handler->UnloadObjectInfo(), 0u);
-            EXPECT_EQ(Call(*static_cast<CMetaObjectCOMHandler*>(handler), L"Get:Number").status, MetaStatusOk);
-            EXPECT_EQ(handler->Release(), MetaStatusClosed);
-            if (row.registered)
-                host.FreeReleasedHandlers(module->FreeHandlerObject);
-            else
-                module->FreeHandlerObject(handler);
-        });
-        module->SetEnvironment(host.Table());
-        EXPECT_TRUE(host.Registrations().empty());
-    }
-    EXPECT_EQ(server.LiveObjects(), before);
-}
-
 
 using Bounds = std::vector<std::pair<std::int32_t, std::int32_t>>;
 
