@@ -62,8 +62,6 @@ TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
         {"10,000 characters of attributes", kFixture + "?" + std::string(10000, '?'), MetaStatusOk, nullptr, false},
         {"doubled braces", "COM://{{" + kClassIdName + "}}", MetaStatusNoObject, nullptr, false},
         {"cut by the NUL inside it", kFixture + std::string("\0COM://nothing", 14), MetaStatusOk, nullptr, false},
-        {"attributes repeated and empty", kFixture + "?Host=?Host=?TypeLib=?=x?flag???Username=?Password=",
-         MetaStatusOk, nullptr, false},
         {"a second scheme", "COM://COM://" + std::string(FixtureValues::kProgIdNarrow), MetaStatusNoObject, nullptr, false},
         // Nearly class identifiers: 36 characters without a dot are taken as one.
         {"in small letters", "COM://5b7e2c40-8d31-4f6a-b0c9-3e1d7a2f6c20", MetaStatusOk, nullptr, false},
@@ -170,13 +168,6 @@ TEST_F(HostileTest, KeysAndItemsThatDontFit)
         {"a text for VT_I4", L"Invoke:EchoI4", [] { return Text(L"5", L"VT_I4"); }, MetaStatusInvokeFailed, kUntouchedCode, false},
         {"a number for VT_DISPATCH", L"Invoke:EchoDispatch", [] { return Int(5, L"VT_DISPATCH"); },
          MetaStatusInvokeFailed, kUntouchedCode, false},
-        {"a number as enumeration without values", L"Invoke:EchoColour",
-         [] {
-             Param number = Int(1, L"VT_BYREF");
-             number->GetTypeDesc().type = MetaTypeEnum;
-             return number;
-         },
-         MetaStatusInvokeFailed, 65535, false},
         {"a text as enumeration with values", L"Invoke:EchoColour",
          [] {
              Param text = Text(L"1", L"VT_BYREF");
