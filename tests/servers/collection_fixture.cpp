@@ -1,7 +1,6 @@
 // The collection fixture's objects. The maker and the elements are served by
-// the platform's type-driven dispatch on the server file's collection library
-// (TYPELIB resource 4); a collection answers Invoke by hand, since its flags
-// make it misbehave in ways that no type description can say.
+// the platform's dispatch on the collection library (TYPELIB resource 4); a
+// collection answers Invoke by hand, as its flags make it misbehave.
 
 #include <windows.h>
 #include <olectl.h>
@@ -13,8 +12,6 @@
 #include "collection_fixture.h"  // widl's header of collection_fixture.idl
 
 #include <algorithm>
-#include <cwchar>
-#include <string>
 
 #include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
@@ -23,7 +20,6 @@
 #include "tests/servers/dual_dispatch.h"
 
 using MetaObj::ComPtr;
-using MetaObj::RegKey;
 using namespace CollectionValues;
 
 namespace {
@@ -33,243 +29,127 @@ volatile LONG g_liveCollectionObjects = 0;
 // FixtureCell's identifier; widl declares none for a record.
 constexpr GUID kCellType = {0x7C3A9E10, 0x4B2D, 0x4E8F, {0xA1, 0xC6, 0x5D, 0x0B, 0x3F, 0x2E, 0x7A, 0x02}};
 
-ComPtr<ITypeLib> LoadCollectionLibrary()
-{
-    wchar_t path[MAX_PATH + 4];
-    ComPtr<ITypeLib> library;
-    if (ServerLibraryPath(kCollectionLibraryResource, path, MAX_PATH + 4))
-        LoadTypeLibEx(path, REGKIND_NONE, library.Put());
-    return library;
-}
-
-// The dispatch side of a dual interface, which clients see, and its virtual
-// table side, which DispInvoke calls through.
-// A true count of references, and the live objects of the fixture.
 template <typename Interface>
-class CCounted : public Interface {
-public:
-    CCounted(const CCounted&) = delete;
-    CCounted& operator=(const CCounted&) = delete;
+using CCountedHere = CCounted<Interface, g_liveCollectionObjects>;
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
-    {
-        if (out == nullptr)
-            return E_POINTER;
-        *out = Answers(iid) ? static_cast<Interface*>(this) : nullptr;
-        if (*out == nullptr)
-            return E_NOINTERFACE;
-        this->AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG left = InterlockedDecrement(&references);
-        if (left == 0)
-            delete this;
-        return left;
-    }
-
-protected:
-    CCounted() { InterlockedIncrement(&g_liveCollectionObjects); }
-    virtual ~CCounted() { InterlockedDecrement(&g_liveCollectionObjects); }
-    virtual bool Answers(REFIID iid) const
-    {
-        return IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(Interface));
-    }
-
-private:
-    volatile LONG references = 1;  // the creator's
-};
-
-// IDispatch of a dual interface through its type information.
 template <typename Interface>
-class CDual : public CDualDispatch<Interface, CCounted<Interface>> {
+class CDual : public CDualDispatch<Interface, CCountedHere<Interface>> {
 protected:
-    CDual() : CDualDispatch<Interface, CCounted<Interface>>(kCollectionLibraryResource) {}
-    bool Answers(REFIID iid) const override
-    {
-        return IsEqualIID(iid, IID_IDispatch) || CCounted<Interface>::Answers(iid);
-    }
+    CDual() : CDualDispatch<Interface, CCountedHere<Interface>>(kCollectionLibraryResource) {}
 };
 
 // The caller owns the one reference; E_FAIL without the type information.
 template <typename Object, typename Wanted, typename... Arguments>
 HRESULT CreateDual(Wanted** out, Arguments... arguments)
 {
-    *out = nullptr;
     auto* object = new Object(arguments...);
     auto owner = ComPtr<Wanted>::Adopt(object);
-    if (!object->Ready())
-        return E_FAIL;
-    *out = owner.Detach();
-    return S_OK;
+    *out = object->Ready() ? owner.Detach() : nullptr;
+    return *out ? S_OK : E_FAIL;
 }
 
 class CElement : public CDual<IFixtureElement> {
 public:
     explicit CElement(LONG index) : index(index) {}
-    HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override
-    {
-        *value = index;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override { return *value = index, S_OK; }
 
 private:
     const LONG index;
 };
 
-ComPtr<IRecordInfo> CellRecordInfo()
+HRESULT Number(LONG value, VARIANT* out)
 {
-    ComPtr<ITypeLib> library = LoadCollectionLibrary();
-    ComPtr<ITypeInfo> cell;
-    ComPtr<IRecordInfo> record;
-    if (library && SUCCEEDED(library->GetTypeInfoOfGuid(kCellType, cell.Put())))
-        GetRecordInfoFromTypeInfo(cell.Get(), record.Put());
-    return record;
+    V_VT(out) = VT_I4;
+    V_I4(out) = value;
+    return S_OK;
 }
 
-class CCollection;
+HRESULT Text(const wchar_t* value, VARIANT* out)
+{
+    V_VT(out) = VT_BSTR;
+    V_BSTR(out) = SysAllocString(value);
+    return S_OK;
+}
 
-class CEnumerator : public CCounted<IEnumVARIANT> {
-public:
-    CEnumerator(CCollection* collection, LONG position);
+// A new element in a VARIANT of the type asked.
+HRESULT ElementObject(LONG index, VARTYPE type, VARIANT* out)
+{
+    IFixtureElement* element = nullptr;
+    const HRESULT hr = CreateDual<CElement>(&element, index);
+    V_VT(out) = element ? type : VARTYPE(VT_EMPTY);
+    V_DISPATCH(out) = element;  // an IFixtureElement is both
+    return hr;
+}
 
-    HRESULT STDMETHODCALLTYPE Next(ULONG asked, VARIANT* out, ULONG* fetched) override;
-    HRESULT STDMETHODCALLTYPE Skip(ULONG count) override;
-    HRESULT STDMETHODCALLTYPE Reset() override;
-    HRESULT STDMETHODCALLTYPE Clone(IEnumVARIANT** out) override;
-
-private:
-    ComPtr<IFixtureCollection> owner;  // the collection lives while an enumerator does
-    CCollection& collection;
-    LONG position;
-};
+// Element at, by the flags: VT_I4 at, or as kOddTypes and kObjects say.
+HRESULT Element(LONG flags, LONG at, VARIANT* out)
+{
+    VariantInit(out);
+    if (flags & (kObjects | kUnknowns))
+        return ElementObject(at, VARTYPE((flags & kObjects) ? VT_DISPATCH : VT_UNKNOWN), out);
+    const LONG kind = (flags & kOddTypes) ? at % 4 : 0;
+    if (kind == 0)
+        return Number(at, out);
+    if (kind == 1) {
+        V_VT(out) = VT_I8;
+        V_I8(out) = at;
+    } else if (kind == 3) {
+        ComPtr<ITypeLib> library;
+        ComPtr<ITypeInfo> cell;
+        ComPtr<IRecordInfo> record;
+        wchar_t path[MAX_PATH + 4];
+        if (ServerLibraryPath(kCollectionLibraryResource, path, MAX_PATH + 4) &&
+            SUCCEEDED(LoadTypeLibEx(path, REGKIND_NONE, library.Put())) &&
+            SUCCEEDED(library->GetTypeInfoOfGuid(kCellType, cell.Put())))
+            GetRecordInfoFromTypeInfo(cell.Get(), record.Put());
+        void* data = record ? record->RecordCreate() : nullptr;
+        if (data == nullptr)
+            return E_FAIL;
+        static_cast<FixtureCell*>(data)->value = at;
+        V_VT(out) = VT_RECORD;
+        V_RECORD(out) = data;
+        V_RECORDINFO(out) = record.Detach();
+    }
+    return S_OK;  // kind 2 stays VT_EMPTY
+}
 
 class CCollection : public CDual<IFixtureCollection> {
 public:
     CCollection(LONG flags, LONG size) : flags(flags), size(std::max(0L, size)) {}
 
     bool Has(LONG flag) const { return (flags & flag) != 0; }
-    LONG Size() const { return size; }
-    void NoteEnumeratorCall() { InterlockedIncrement(&enumeratorCalls); }
 
-    // Element at of the collection, by the flags.
-    HRESULT Element(LONG at, VARIANT* out) const
-    {
-        VariantInit(out);
-        if (Has(kObjects) || Has(kUnknowns)) {
-            IFixtureElement* element = nullptr;
-            const HRESULT hr = CreateDual<CElement>(&element, at);
-            if (FAILED(hr))
-                return hr;
-            V_VT(out) = Has(kObjects) ? VT_DISPATCH : VT_UNKNOWN;
-            V_DISPATCH(out) = element;  // an IFixtureElement is both
-            return S_OK;
-        }
-        if (!Has(kOddTypes) || at % 4 == 0) {
-            V_VT(out) = VT_I4;
-            V_I4(out) = at;
-        } else if (at % 4 == 1) {
-            V_VT(out) = VT_I8;
-            V_I8(out) = at;
-        } else if (at % 4 == 3) {
-            ComPtr<IRecordInfo> record = CellRecordInfo();
-            void* data = record ? record->RecordCreate() : nullptr;
-            if (data == nullptr)
-                return E_FAIL;
-            static_cast<FixtureCell*>(data)->value = at;
-            V_VT(out) = VT_RECORD;
-            V_RECORD(out) = data;
-            V_RECORDINFO(out) = record.Detach();
-        }
-        return S_OK;  // at % 4 == 2 stays VT_EMPTY
-    }
-
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD callFlags, DISPPARAMS*, VARIANT* result,
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD callFlags, DISPPARAMS*, VARIANT* result,
                                      EXCEPINFO*, UINT*) override
     {
-        if (!IsEqualIID(iid, IID_NULL))
-            return DISP_E_UNKNOWNINTERFACE;
         if (result == nullptr)
             return E_POINTER;
         VariantInit(result);
-        switch (id) {
-        case DISPID_NEWENUM:
+        if (id == DISPID_NEWENUM) {
             InterlockedIncrement(&newEnumCalls);
             if (Has(kNewEnumMissing) || (Has(kNewEnumMethodOnly) && callFlags != DISPATCH_METHOD))
                 return DISP_E_MEMBERNOTFOUND;
-            return NewEnum(result);
-        case 1:
-            if (Has(kNoCount))
-                return DISP_E_MEMBERNOTFOUND;
-            if (Has(kCountText)) {
-                V_VT(result) = VT_BSTR;
-                V_BSTR(result) = SysAllocString(kCountTextValue);
-                return V_BSTR(result) ? S_OK : E_OUTOFMEMORY;
-            }
-            return Number(Has(kCountNegative) ? -5 : size, result);
-        case 2:
-            return Number(enumeratorCalls, result);
-        case 3:
-            return Number(newEnumCalls, result);
-        default:
-            return DISP_E_MEMBERNOTFOUND;
+            if (Has(kNewEnumNumber) || Has(kNewEnumEmpty))
+                return Has(kNewEnumNumber) ? Number(7, result) : S_OK;
+            if (Has(kNewEnumText))
+                return Text(L"enumerator", result);
+            if (Has(kNewEnumNotEnum))
+                return ElementObject(0, VT_DISPATCH, result);
+            V_VT(result) = VT_UNKNOWN;
+            return get__NewEnum(&V_UNKNOWN(result));
         }
+        if (id == 1 && Has(kCountText))
+            return Text(kCountTextValue, result);
+        if (id == 1 && !Has(kNoCount))
+            return Number(Has(kCountNegative) ? -5 : size, result);
+        if (id == 2 || id == 3)
+            return Number(id == 2 ? enumeratorCalls : newEnumCalls, result);
+        return DISP_E_MEMBERNOTFOUND;
     }
 
     // The virtual table side, for clients that bind early.
-    HRESULT STDMETHODCALLTYPE get_Count(LONG* value) override
-    {
-        *value = size;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get_EnumeratorCalls(LONG* value) override
-    {
-        *value = enumeratorCalls;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get_NewEnumCalls(LONG* value) override
-    {
-        *value = newEnumCalls;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get__NewEnum(IUnknown** value) override
-    {
-        *value = new CEnumerator(this, 0);
-        return S_OK;
-    }
-
-private:
-    static HRESULT Number(LONG value, VARIANT* result)
-    {
-        V_VT(result) = VT_I4;
-        V_I4(result) = value;
-        return S_OK;
-    }
-
-    HRESULT NewEnum(VARIANT* result)
-    {
-        if (Has(kNewEnumNumber))
-            return Number(7, result);
-        if (Has(kNewEnumEmpty))
-            return S_OK;
-        if (Has(kNewEnumText)) {
-            V_VT(result) = VT_BSTR;
-            V_BSTR(result) = SysAllocString(L"enumerator");
-            return V_BSTR(result) ? S_OK : E_OUTOFMEMORY;
-        }
-        if (Has(kNewEnumNotEnum)) {
-            IFixtureElement* element = nullptr;
-            const HRESULT hr = CreateDual<CElement>(&element, 0);
-            V_VT(result) = VT_DISPATCH;
-            V_DISPATCH(result) = element;
-            return hr;
-        }
-        V_VT(result) = VT_UNKNOWN;
-        V_UNKNOWN(result) = new CEnumerator(this, 0);
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE get_Count(LONG* value) override { return *value = size, S_OK; }
+    HRESULT STDMETHODCALLTYPE get__NewEnum(IUnknown** value) override;
 
     const LONG flags;
     const LONG size;
@@ -277,72 +157,71 @@ private:
     volatile LONG newEnumCalls = 0;
 };
 
-CEnumerator::CEnumerator(CCollection* collection, LONG position)
-    : collection(*collection), position(position)
-{
-    collection->AddRef();
-    owner = ComPtr<IFixtureCollection>::Adopt(collection);
-}
-
-HRESULT CEnumerator::Next(ULONG asked, VARIANT* out, ULONG* fetched)
-{
-    collection.NoteEnumeratorCall();
-    if (fetched != nullptr && !collection.Has(kNoFetched))
-        *fetched = 0;
-    if (out == nullptr)
-        return E_POINTER;
-    const LONG left = collection.Size() - position;
-    if (collection.Has(kFailMidWalk) && position + static_cast<LONG>(std::min<ULONG>(asked, left)) > kFailAt)
-        return E_FAIL;
-    ULONG limit = std::min<ULONG>(asked, static_cast<ULONG>(left));
-    if (collection.Has(kShortBatches))
-        limit = std::min<ULONG>(limit, kShortBatch);
-    ULONG given = 0;
-    for (; given < limit; ++given) {
-        if (FAILED(collection.Element(position, &out[given]))) {
-            for (ULONG at = 0; at < given; ++at)
-                VariantClear(&out[at]);
-            return E_OUTOFMEMORY;
-        }
-        ++position;
+class CEnumerator : public CCountedHere<IEnumVARIANT> {
+public:
+    // The collection lives while an enumerator does.
+    CEnumerator(CCollection& collection, LONG position) : collection(collection), position(position)
+    {
+        collection.AddRef();
     }
-    if (fetched != nullptr && !collection.Has(kNoFetched))
-        *fetched = given;
-    // A short enumerator says S_OK whatever it gave, even nothing at the end.
-    if (collection.Has(kShortBatches))
+    ~CEnumerator() override { collection.Release(); }
+
+    HRESULT STDMETHODCALLTYPE Next(ULONG asked, VARIANT* out, ULONG* fetched) override
+    {
+        const bool tells = fetched != nullptr && !collection.Has(kNoFetched);
+        if (tells)
+            *fetched = 0;
+        ULONG limit = std::min<ULONG>(asked, collection.size - position);
+        if (Failing(limit))
+            return E_FAIL;
+        if (collection.Has(kShortBatches))
+            limit = std::min<ULONG>(limit, kShortBatch);
+        for (ULONG given = 0; given < limit; ++given) {
+            if (FAILED(Element(collection.flags, position + given, &out[given]))) {
+                for (ULONG at = 0; at < given; ++at)
+                    VariantClear(&out[at]);
+                return E_OUTOFMEMORY;
+            }
+        }
+        position += limit;
+        if (tells)
+            *fetched = limit;
+        // A short enumerator says S_OK whatever it gave, even nothing at the end.
+        return limit == asked || collection.Has(kShortBatches) ? S_OK : S_FALSE;
+    }
+    HRESULT STDMETHODCALLTYPE Skip(ULONG count) override
+    {
+        const ULONG moved = std::min<ULONG>(count, collection.size - position);
+        if (Failing(moved))
+            return E_FAIL;
+        position += moved;
+        return moved == count ? S_OK : S_FALSE;
+    }
+    HRESULT STDMETHODCALLTYPE Reset() override
+    {
+        if (Note() && collection.Has(kResetFails))
+            return E_FAIL;
+        position = 0;
         return S_OK;
-    return given == asked ? S_OK : S_FALSE;
-}
+    }
+    HRESULT STDMETHODCALLTYPE Clone(IEnumVARIANT** out) override
+    {
+        *out = Note() && collection.Has(kNoClone) ? nullptr : new CEnumerator(collection, position);
+        return *out ? S_OK : E_NOTIMPL;
+    }
 
-HRESULT CEnumerator::Skip(ULONG count)
-{
-    collection.NoteEnumeratorCall();
-    const LONG left = collection.Size() - position;
-    const LONG moved = static_cast<LONG>(std::min<ULONG>(count, static_cast<ULONG>(left)));
-    if (collection.Has(kFailMidWalk) && position + moved > kFailAt)
-        return E_FAIL;
-    position += moved;
-    return static_cast<ULONG>(moved) == count ? S_OK : S_FALSE;
-}
+private:
+    bool Note() { return InterlockedIncrement(&collection.enumeratorCalls) != 0; }
+    // Counts the call; true when moving by this many passes kFailAt.
+    bool Failing(ULONG moving) { return Note() && collection.Has(kFailMidWalk) && position + LONG(moving) > kFailAt; }
 
-HRESULT CEnumerator::Reset()
-{
-    collection.NoteEnumeratorCall();
-    if (collection.Has(kResetFails))
-        return E_FAIL;
-    position = 0;
-    return S_OK;
-}
+    CCollection& collection;
+    LONG position;
+};
 
-HRESULT CEnumerator::Clone(IEnumVARIANT** out)
+HRESULT CCollection::get__NewEnum(IUnknown** value)
 {
-    collection.NoteEnumeratorCall();
-    if (out == nullptr)
-        return E_POINTER;
-    *out = nullptr;
-    if (collection.Has(kNoClone))
-        return E_NOTIMPL;
-    *out = new CEnumerator(&collection, position);
+    *value = new CEnumerator(*this, 0);
     return S_OK;
 }
 

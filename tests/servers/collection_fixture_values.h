@@ -1,6 +1,7 @@
 #pragma once
 // What the collection fixture (collection_fixture.idl) does, shared by the
-// server and the tests and benchmark that walk its collections.
+// server and the tests that walk its collections. The flags' numbers are also
+// written in tests/check_comtool.cmake.
 
 #include <cstdint>
 
@@ -8,8 +9,6 @@ namespace CollectionValues {
 
 constexpr wchar_t kProgId[] = L"ComHandlerTest.CollectionFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.CollectionFixture";
-constexpr char kClassId[] = "{7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A20}";
-constexpr char kElementInterfaceId[] = "{7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11}";
 
 // Make(flags, size): element i is VT_I4 i unless a flag says otherwise.
 enum CollectionFlags : std::int32_t {
@@ -27,7 +26,7 @@ enum CollectionFlags : std::int32_t {
     kOddTypes = 0x400,         // element i by i % 4: VT_I4 i, VT_I8 i, VT_EMPTY, VT_RECORD {i}
     kObjects = 0x800,          // element i is a new IFixtureElement with Index i, VT_DISPATCH
     kUnknowns = 0x1000,        // the same as VT_UNKNOWN
-    kFailMidWalk = 0x2000,     // Next and Skip fail with E_FAIL from element kFailAt on
+    kFailMidWalk = 0x2000,     // Next and Skip fail with E_FAIL past element kFailAt
     kNoClone = 0x4000,         // Clone is E_NOTIMPL
     kResetFails = 0x8000,      // Reset is E_FAIL
     kCountNegative = 0x10000,  // id 1 gives -5

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/platform_handles.h"
+#include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"
 #include "tests/servers/hostile_fixture_objects.h"
 #include "tests/servers/hostile_fixture_values.h"
@@ -28,77 +29,19 @@ namespace {
 volatile LONG g_liveObjects = 0;
 volatile LONG g_failQueryEvery = 0;
 volatile LONG g_queries = 0;
-volatile LONG g_failAllocationEvery = 0;
-volatile LONG g_allocations = 0;
-
-// Dispatch identifiers of hostile_fixture.idl.
-enum Member : DISPID {
-    kFailQueryEveryId = 1,
-    kFailAllocationEveryId = 2,
-    kGarbageTextId = 3,
-    kGarbageVariantId = 4,
-    kGarbageObjectId = 5,
-    kGarbageArrayId = 6,
-    kFailWithResultId = 7,
-    kGarbageOutId = 8,
-    kGiveTypeId = 10,
-    kGiveArrayId = 11,
-    kGiveTextId = 12,
-    kMakeChildId = 13,
-    kThrowId = 14,
-    kSwallowId = 15,
-};
-
-struct MemberName {
-    const wchar_t* name;
-    DISPID id;
-};
-constexpr MemberName kMembers[] = {
-    {L"FailQueryEvery", kFailQueryEveryId}, {L"FailAllocationEvery", kFailAllocationEveryId},
-    {L"GarbageText", kGarbageTextId},       {L"GarbageVariant", kGarbageVariantId},
-    {L"GarbageObject", kGarbageObjectId},   {L"GarbageArray", kGarbageArrayId},
-    {L"FailWithResult", kFailWithResultId},   {L"GarbageOut", kGarbageOutId},
-    {L"GiveType", kGiveTypeId},             {L"GiveArray", kGiveArrayId},
-    {L"GiveText", kGiveTextId},             {L"MakeChild", kMakeChildId},
-    {L"Throw", kThrowId},                   {L"Swallow", kSwallowId},
-};
-
-// Counts a call against the server-wide "fail every Nth" setting.
-bool NthFails(volatile LONG& counter, LONG every)
-{
-    return every > 0 && InterlockedIncrement(&counter) % every == 0;
-}
-
-bool Allocate()
-{
-    return !NthFails(g_allocations, g_failAllocationEvery);
-}
-
-template <typename T>
-T Garbage()
-{
-    return reinterpret_cast<T>(kGarbage);
-}
 
 // The i-th argument from the first; null when there are fewer.
 VARIANT* Argument(DISPPARAMS* params, UINT index)
 {
-    if (!params || index >= params->cArgs)
-        return nullptr;
-    return &params->rgvarg[params->cArgs - 1 - index];
+    return params && index < params->cArgs ? &params->rgvarg[params->cArgs - 1 - index] : nullptr;
 }
 
-bool LongArgument(DISPPARAMS* params, UINT index, LONG& value)
+LONG LongArgument(DISPPARAMS* params, UINT index)
 {
-    VARIANT* argument = Argument(params, index);
-    if (!argument)
-        return false;
     VARIANT copy;
     VariantInit(&copy);
-    if (FAILED(VariantChangeType(&copy, argument, 0, VT_I4)))
-        return false;
-    value = copy.lVal;
-    return true;
+    VARIANT* argument = Argument(params, index);
+    return argument && SUCCEEDED(VariantChangeType(&copy, argument, 0, VT_I4)) ? copy.lVal : -100;
 }
 
 // A cell of the given by-reference type, or null.
@@ -108,114 +51,79 @@ void* Cell(DISPPARAMS* params, UINT index, VARTYPE type)
     return argument && argument->vt == (type | VT_BYREF) ? argument->byref : nullptr;
 }
 
-class CHostileFixture final : public CDualDispatch<IHostileFixture> {
+class CHostileFixture final : public CDualDispatch<IHostileFixture, CCounted<IHostileFixture, g_liveObjects>> {
 public:
-    CHostileFixture() : CDualDispatch<IHostileFixture>(kHostileLibraryResource)
+    CHostileFixture() : CDualDispatch(kHostileLibraryResource)
     {
-        InterlockedIncrement(&g_liveObjects);
         std::memset(&byRefCell, 0, sizeof byRefCell);
         VariantInit(&self);
     }
-    ~CHostileFixture()
+    ~CHostileFixture() override
     {
         if (cellArray)
             SafeArrayDestroy(cellArray);
-        InterlockedDecrement(&g_liveObjects);
     }
-    CHostileFixture(const CHostileFixture&) = delete;
-    CHostileFixture& operator=(const CHostileFixture&) = delete;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
-        if (out == nullptr)
-            return E_POINTER;
-        *out = nullptr;
-        if (InterlockedExchange(&throwOnQuery, 0) != 0)
+        if (out != nullptr && InterlockedExchange(&throwOnQuery, 0) != 0)
             throw std::runtime_error("HostileFixture.QueryInterface");
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-            !IsEqualIID(iid, IID_IHostileFixture))
-            return E_NOINTERFACE;
-        if (NthFails(g_queries, g_failQueryEvery))
-            return E_NOINTERFACE;
-        *out = static_cast<IHostileFixture*>(this);
-        AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const LONG left = InterlockedDecrement(&references);
-        if (left == 0)
-            delete this;
-        return left;
+        const HRESULT hr = CCounted::QueryInterface(iid, out);
+        if (FAILED(hr) || g_failQueryEvery <= 0 || InterlockedIncrement(&g_queries) % g_failQueryEvery != 0)
+            return hr;
+        Release();
+        *out = nullptr;
+        return E_NOINTERFACE;
     }
 
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override
     {
-        if (!names || !ids || count != 1 || !names[0])
-            return E_INVALIDARG;
-        if (_wcsicmp(names[0], kThrowingName) == 0)
+        if (names && count > 0 && names[0] && _wcsicmp(names[0], kThrowingName) == 0)
             throw std::runtime_error("HostileFixture.GetIDsOfNames");
-        for (const MemberName& member : kMembers) {
-            if (_wcsicmp(names[0], member.name) == 0) {
-                ids[0] = member.id;
-                return S_OK;
-            }
-        }
-        ids[0] = DISPID_UNKNOWN;
-        return DISP_E_UNKNOWNNAME;
+        return CDualDispatch::GetIDsOfNames(iid, names, count, lcid, ids);
     }
 
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
-                                     EXCEPINFO*, UINT*) override
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result, EXCEPINFO*,
+                                     UINT*) override
     {
         VARIANT ignored;
         VariantInit(&ignored);
         VARIANT& out = result ? *result : ignored;
-        LONG number = 0;
+        const LONG number = LongArgument(params, 0);
         switch (id) {
-        case kFailQueryEveryId:
-            return Setting(g_failQueryEvery, g_queries, flags, params, out);
-        case kFailAllocationEveryId:
-            return Setting(g_failAllocationEvery, g_allocations, flags, params, out);
-        case kGarbageTextId:
-            return GarbageText(params);
-        case kGarbageVariantId:
-            return GarbageVariant(params);
-        case kGarbageObjectId:
-            return GarbageObject(params);
-        case kGarbageArrayId:
-            return GarbageArray(params);
-        case kFailWithResultId:
-            // Against COM's advice, but valid: the caller clears it.
+        case 1:  // FailQueryEvery, a put that also restarts the count
+            InterlockedExchange(&g_failQueryEvery, number);
+            InterlockedExchange(&g_queries, 0);
+            return S_OK;
+        case 3:  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
+        case 4:
+        case 5:
+        case 6:
+            return GarbageCell(id, params);
+        case 7:  // FailWithResult: against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
             out.bstrVal = SysAllocString(L"left behind");
             return E_FAIL;
-        case kGarbageOutId:
-            return GarbageOut(params);
-        case kGiveTypeId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
+        case 8:  // GarbageOut: a text out cell is freed after every call, so only a valid one can stand there.
+            if (auto* text = static_cast<BSTR*>(Cell(params, 0, VT_BSTR)))
+                *text = SysAllocString(L"left behind");
+            if (auto* object = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH)))
+                *object = reinterpret_cast<IDispatch*>(kGarbage);
+            return E_FAIL;
+        case 10:
             return GiveType(number, out);
-        case kGiveArrayId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
+        case 11:
             return GiveArray(number, out);
-        case kGiveTextId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
+        case 12:
             return GiveText(number, out);
-        case kMakeChildId:
+        case 13:  // MakeChild
             return GiveType(VT_DISPATCH, out);
-        case kThrowId:
-            if (!LongArgument(params, 0, number))
-                return DISP_E_BADPARAMCOUNT;
-            if (number == kThrowInQueryInterface) {
-                InterlockedExchange(&throwOnQuery, 1);
-                return S_OK;
-            }
-            throw std::runtime_error("HostileFixture.Invoke");
-        case kSwallowId:
+        case 14:  // Throw
+            if (number != kThrowInQueryInterface)
+                throw std::runtime_error("HostileFixture.Invoke");
+            InterlockedExchange(&throwOnQuery, 1);
+            return S_OK;
+        case 15:  // Swallow
             out.vt = VT_I4;
             out.lVal = params ? static_cast<LONG>(params->cArgs) : 0;
             return S_OK;
@@ -225,10 +133,7 @@ public:
     }
 
     // The interface's own entries; Invoke never reaches them.
-    HRESULT STDMETHODCALLTYPE get_FailQueryEvery(LONG*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE put_FailQueryEvery(LONG) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE get_FailAllocationEvery(LONG*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE put_FailAllocationEvery(LONG) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageText(LONG, BSTR*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageVariant(LONG, VARIANT*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE GarbageObject(LONG, IDispatch**) override { return E_UNEXPECTED; }
@@ -243,185 +148,81 @@ public:
     HRESULT STDMETHODCALLTYPE Swallow(LONG*) override { return E_UNEXPECTED; }
 
 private:
-    // A put also restarts the count, so that "every Nth" counts from the put.
-    static HRESULT Setting(volatile LONG& setting, volatile LONG& counter, WORD flags, DISPPARAMS* params,
-                           VARIANT& out)
+    // Garbage(3 to 6)(freeFirst, cell): fails with 0xdeadbeef left in the
+    // in/out cell, after freeing what came in when freeFirst is set; a text
+    // cell with freeFirst 2 gets a valid text instead.
+    static HRESULT GarbageCell(DISPID id, DISPPARAMS* params)
     {
-        if (flags & DISPATCH_PROPERTYPUT) {
-            LONG value = 0;
-            if (!LongArgument(params, 0, value))
-                return DISP_E_BADPARAMCOUNT;
-            InterlockedExchange(&setting, value);
-            InterlockedExchange(&counter, 0);
-            return S_OK;
+        static constexpr VARTYPE kCellTypes[] = {VT_BSTR, VT_VARIANT, VT_DISPATCH, VT_ARRAY | VT_I4};
+        const VARTYPE type = kCellTypes[id - 3];
+        void* cell = Cell(params, 1, type);
+        const LONG freeFirst = LongArgument(params, 0);
+        if (!cell)
+            return DISP_E_TYPEMISMATCH;
+        VARIANT owner;  // frees, releases or destroys by its type
+        owner.vt = type;
+        owner.byref = *static_cast<void**>(cell);
+        if (freeFirst)
+            VariantClear(type == VT_VARIANT ? static_cast<VARIANT*>(cell) : &owner);
+        if (type == VT_VARIANT) {
+            static_cast<VARIANT*>(cell)->vt = VT_BSTR;
+            static_cast<VARIANT*>(cell)->bstrVal = reinterpret_cast<BSTR>(kGarbage);
+            return E_FAIL;
         }
-        out.vt = VT_I4;
-        out.lVal = setting;
-        return S_OK;
-    }
-
-    static bool FreeFirst(DISPPARAMS* params)
-    {
-        LONG value = 0;
-        return LongArgument(params, 0, value) && value != 0;
-    }
-    // freeFirst 2: the text is freed and replaced by a valid one before failing.
-    static bool ReplaceValid(DISPPARAMS* params)
-    {
-        LONG value = 0;
-        return LongArgument(params, 0, value) && value == 2;
-    }
-
-    static HRESULT GarbageText(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<BSTR*>(Cell(params, 1, VT_BSTR));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            SysFreeString(*cell);
-        *cell = ReplaceValid(params) ? SysAllocString(L"replaced") : Garbage<BSTR>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageVariant(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<VARIANT*>(Cell(params, 1, VT_VARIANT));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            VariantClear(cell);
-        cell->vt = VT_BSTR;
-        cell->bstrVal = Garbage<BSTR>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageObject(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params) && *cell)
-            (*cell)->Release();
-        *cell = Garbage<IDispatch*>();
-        return E_FAIL;
-    }
-    static HRESULT GarbageArray(DISPPARAMS* params)
-    {
-        auto* cell = static_cast<SAFEARRAY**>(Cell(params, 1, VT_ARRAY | VT_I4));
-        if (!cell)
-            return DISP_E_TYPEMISMATCH;
-        if (FreeFirst(params))
-            SafeArrayDestroy(*cell);
-        *cell = Garbage<SAFEARRAY*>();
-        return E_FAIL;
-    }
-    // Out cells: by COM's rules they come in holding nothing of the callee's.
-    static HRESULT GarbageOut(DISPPARAMS* params)
-    {
-        // A text out cell is freed after every call, so only a valid one can stand there.
-        if (auto* text = static_cast<BSTR*>(Cell(params, 0, VT_BSTR)))
-            *text = SysAllocString(L"left behind");
-        if (auto* object = static_cast<IDispatch**>(Cell(params, 1, VT_DISPATCH)))
-            *object = Garbage<IDispatch*>();
+        const bool valid = type == VT_BSTR && freeFirst == 2;
+        *static_cast<void**>(cell) = valid ? SysAllocString(L"replaced") : reinterpret_cast<void*>(kGarbage);
         return E_FAIL;
     }
 
     HRESULT GiveType(LONG asked, VARIANT& out)
     {
-        if (asked == kNullByRef) {
-            out.vt = VT_BYREF | VT_I4;
-            out.byref = nullptr;
-            return S_OK;
-        }
-        if (asked == kSelfByRef) {
-            // A VARIANT that refers to itself: a reader that follows by-reference
-            // VARIANTs never comes back.
-            self.vt = VT_BYREF | VT_VARIANT;
-            self.pvarVal = &self;
-            out.vt = VT_BYREF | VT_VARIANT;
-            out.pvarVal = &self;
-            return S_OK;
-        }
-        const auto vt = static_cast<VARTYPE>(asked);
-        const VARTYPE base = vt & VT_TYPEMASK;
+        // A VARIANT that refers to itself: a reader that follows by-reference
+        // VARIANTs never comes back.
+        self.vt = VT_BYREF | VT_VARIANT;
+        self.pvarVal = &self;
+        const auto vt = static_cast<VARTYPE>(asked == kNullByRef ? VT_BYREF | VT_I4 : asked == kSelfByRef ? self.vt : asked);
         out.vt = vt;
-        if (vt & VT_BYREF) {
+        if (asked < 0) {
+            out.byref = asked == kSelfByRef ? &self : nullptr;
+        } else if (vt & VT_BYREF) {
             // Zeros are a valid value of every type, and the cell stays the object's.
             out.byref = (vt & VT_ARRAY) ? static_cast<void*>(&cellArray) : static_cast<void*>(&byRefCell);
-            return S_OK;
-        }
-        if (vt & VT_ARRAY) {
-            out.parray = SafeArrayCreateVector(base, 0, 2);
-            return S_OK;
-        }
-        switch (base) {
-        case VT_BSTR:
-            if (!Allocate())
-                return E_OUTOFMEMORY;
+        } else if (vt & VT_ARRAY) {
+            out.parray = SafeArrayCreateVector(vt & VT_TYPEMASK, 0, 2);
+        } else if (vt == VT_BSTR) {
             out.bstrVal = SysAllocString(L"text");
-            return S_OK;
-        case VT_DISPATCH:
-        case VT_UNKNOWN: {
-            if (!Allocate())
-                return E_OUTOFMEMORY;
-            IDispatch* child = nullptr;
-            const HRESULT hr = CreateHostileFixture(IID_IDispatch, reinterpret_cast<void**>(&child));
-            out.pdispVal = child;
-            if (FAILED(hr))
-                out.vt = VT_EMPTY;
+        } else if (vt == VT_DISPATCH || vt == VT_UNKNOWN) {
+            const HRESULT hr = CreateHostileFixture(IID_IDispatch, reinterpret_cast<void**>(&out.pdispVal));
+            out.vt = SUCCEEDED(hr) ? vt : VARTYPE(VT_EMPTY);
             return hr;
+        } else if (vt == VT_LPSTR || vt == VT_LPWSTR) {
+            out.byref = vt == VT_LPSTR ? static_cast<void*>(const_cast<char*>("abc\0\0")) : const_cast<wchar_t*>(L"text");
         }
-        case VT_LPSTR:
-            out.byref = const_cast<char*>(kNarrowText);
-            return S_OK;
-        case VT_LPWSTR:
-            out.byref = const_cast<wchar_t*>(L"text");
-            return S_OK;
-        default:
-            // The value bytes stay zero; a record has no information to clear.
-            return S_OK;
-        }
+        return S_OK;  // otherwise the value bytes stay zero; a record has no information to clear
     }
 
-    HRESULT GiveArray(LONG shape, VARIANT& out)
+    static HRESULT GiveArray(LONG shape, VARIANT& out)
     {
         SAFEARRAY* array = nullptr;
-        switch (shape) {
-        case kNoDimensions:
-            if (FAILED(SafeArrayAllocDescriptorEx(VT_I4, 1, &array)))
-                return E_OUTOFMEMORY;
-            array->cDims = 0;
-            break;
-        case kManyDimensions: {
+        if (shape == kManyDimensions) {
             std::vector<SAFEARRAYBOUND> bounds(0xFFFF, SAFEARRAYBOUND{1, 0});
             array = SafeArrayCreate(VT_I4, 0xFFFF, bounds.data());
-            if (!array)
-                return E_OUTOFMEMORY;
-            break;
-        }
-        case kOverflowingCount:
-        case kNegativeCount:
-            // The descriptor claims what no data stands behind.
-            if (FAILED(SafeArrayAllocDescriptorEx(VT_I4, shape == kOverflowingCount ? 2 : 1, &array)))
-                return E_OUTOFMEMORY;
-            for (USHORT at = 0; at < array->cDims; ++at)
-                array->rgsabound[at] = {shape == kOverflowingCount ? 0x10000UL : 0x80000000UL, 0};
-            array->pvData = CoTaskMemAlloc(16);
-            std::memset(array->pvData, 0, 16);
-            break;
-        case kNullArray:
-            break;
-        case kVariantHoldsItself: {
-            array = SafeArrayCreateVector(VT_VARIANT, 0, 1);
-            if (!array)
-                return E_OUTOFMEMORY;
+        } else if (shape == kVariantHoldsItself) {
             VARIANT* element = nullptr;
+            array = SafeArrayCreateVector(VT_VARIANT, 0, 1);
             SafeArrayAccessData(array, reinterpret_cast<void**>(&element));
             element->vt = VT_BYREF | VT_VARIANT;
             element->pvarVal = element;
             SafeArrayUnaccessData(array);
-            break;
-        }
-        default:
-            return E_INVALIDARG;
+        } else if (shape != kNullArray) {
+            // A descriptor that claims what no data stands behind.
+            SafeArrayAllocDescriptorEx(VT_I4, shape == kOverflowingCount ? 2 : 1, &array);
+            for (USHORT at = 0; at < array->cDims; ++at)
+                array->rgsabound[at] = {shape == kOverflowingCount ? 0x10000UL : 0x80000000UL, 0};
+            array->pvData = shape == kNoDimensions ? nullptr : CoTaskMemAlloc(16);
+            if (array->pvData)
+                std::memset(array->pvData, 0, 16);
+            array->cDims = shape == kNoDimensions ? 0 : array->cDims;
         }
         out.vt = (shape == kVariantHoldsItself ? VT_VARIANT : VT_I4) | VT_ARRAY;
         out.parray = array;
@@ -430,37 +231,16 @@ private:
 
     static HRESULT GiveText(LONG which, VARIANT& out)
     {
-        BSTR text = nullptr;
-        switch (which) {
-        case kEmbeddedNul:
-            text = SysAllocStringLen(kEmbeddedNulText, 3);
-            break;
-        case kOddBytes:
-            text = SysAllocStringByteLen("abc", 3);
-            break;
-        case kNullText:
-            break;
-        case kLongText: {
-            text = SysAllocStringLen(nullptr, kLongTextLength);
-            if (text)
-                std::wmemset(text, L'x', kLongTextLength);
-            break;
-        }
-        default:
-            return E_INVALIDARG;
-        }
-        if (which != kNullText && (!text || !Allocate())) {
-            SysFreeString(text);
-            return E_OUTOFMEMORY;
-        }
         out.vt = VT_BSTR;
-        out.bstrVal = text;
-        return S_OK;
+        if (which == kEmbeddedNul)
+            out.bstrVal = SysAllocStringLen(L"a\0b", 3);
+        else if (which == kOddBytes)
+            out.bstrVal = SysAllocStringByteLen("abc", 3);
+        else if (which == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
+            std::wmemset(out.bstrVal, L'x', kLongTextLength);
+        return S_OK;  // kNullText: a null BSTR
     }
 
-    static constexpr char kNarrowText[] = "abc\0\0\0";
-
-    volatile LONG references = 1;  // the creator's
     volatile LONG throwOnQuery = 0;
     // What by-reference results point at: zeros, a valid value of every type.
     union {

@@ -8,7 +8,6 @@ namespace HostileValues {
 
 constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
-constexpr char kClassIdNarrow[] = "9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20";
 
 // What a failing member leaves in its out cells.
 constexpr std::uintptr_t kGarbage = 0xdeadbeef;
@@ -30,20 +29,16 @@ enum TextShape : std::int32_t {
     kNullText = 2,     // a null BSTR
     kLongText = 3,     // 100,000 characters
 };
-constexpr wchar_t kEmbeddedNulText[] = L"a\0b";
 constexpr unsigned kLongTextLength = 100000;
 
-// Throw(where).
-enum ThrowPlace : std::int32_t {
-    kThrowInInvoke = 0,
-    kThrowInGetIDsOfNames = 1,  // arms the next GetIDsOfNames of this object
-    kThrowInQueryInterface = 2, // arms the next QueryInterface of this object
-};
+// Throw(where): 0 throws out of Invoke; this arms the next QueryInterface of the object.
+constexpr std::int32_t kThrowInInvoke = 0;
+constexpr std::int32_t kThrowInQueryInterface = 2;
 // GiveType(vt) beyond the vt numbers.
 constexpr std::int32_t kNullByRef = -1;  // VT_BYREF|VT_I4 with a null pointer
 constexpr std::int32_t kSelfByRef = -2;  // VT_BYREF|VT_VARIANT that points at itself
 
-// A member name whose look-up throws, whatever was armed.
+// A member name whose look-up throws.
 constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";
 
 }  // namespace HostileValues

@@ -12,7 +12,7 @@ namespace {
 
 volatile LONG g_liveBlocks = 0;
 
-void* Take(std::size_t size)
+void* Take(std::size_t size) noexcept
 {
     void* block = std::malloc(size == 0 ? 1 : size);
     if (block != nullptr)
@@ -22,9 +22,8 @@ void* Take(std::size_t size)
 
 void Give(void* block) noexcept
 {
-    if (block == nullptr)
-        return;
-    InterlockedDecrement(&g_liveBlocks);
+    if (block != nullptr)
+        InterlockedDecrement(&g_liveBlocks);
     std::free(block);
 }
 
@@ -36,34 +35,13 @@ void* operator new(std::size_t size)
         return block;
     throw std::bad_alloc();
 }
-void* operator new[](std::size_t size)
-{
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Take(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return Take(size);
-}
-void operator delete(void* block) noexcept
-{
-    Give(block);
-}
-void operator delete[](void* block) noexcept
-{
-    Give(block);
-}
-void operator delete(void* block, std::size_t) noexcept
-{
-    Give(block);
-}
-void operator delete[](void* block, std::size_t) noexcept
-{
-    Give(block);
-}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Take(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Take(size); }
+void operator delete(void* block) noexcept { Give(block); }
+void operator delete[](void* block) noexcept { Give(block); }
+void operator delete(void* block, std::size_t) noexcept { Give(block); }
+void operator delete[](void* block, std::size_t) noexcept { Give(block); }
 
 long LiveHeapBlocks()
 {
