@@ -10,6 +10,7 @@
 #include "identity/com_identity.h"
 #include "invoke/method_invoke.h"
 #include "metaobj/records.h"
+#include "platform/contained_call.h"
 #include "platform/error_text.h"
 #include "platform/module_state.h"
 #include "platform/platform_handles.h"
@@ -211,7 +212,7 @@ MetaStatus CMetaObjectCOMHandler::FillCatalogue()
         try {
             UINT count = 0;
             if (SUCCEEDED(object->GetTypeInfoCount(&count)))
-                object->GetTypeInfo(0, GetUserDefaultLCID(), own.Put());
+                ContainFault([&] { return object->GetTypeInfo(0, GetUserDefaultLCID(), own.Put()); });
         } catch (...) {
             own.Reset();
         }
