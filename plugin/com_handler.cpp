@@ -93,6 +93,7 @@ MetaStatus CMetaObjectCOMHandler::AttachObject(IDispatch* dispatch, const char* 
 {
     if (dispatch == nullptr)
         return MetaStatusNoObjectGiven;
+    memberIds.Forget();
     object = dispatch;
     identity.SetText(identityText);  // a null text clears
     return MetaStatusOk;
@@ -100,6 +101,7 @@ MetaStatus CMetaObjectCOMHandler::AttachObject(IDispatch* dispatch, const char* 
 
 void CMetaObjectCOMHandler::DetachObject()
 {
+    memberIds.Forget();
     object = nullptr;
     identity.Clear();
 }
@@ -334,7 +336,20 @@ MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, 
         return MetaStatusNoMemory;
     FreeMethodInvoke(invoke);
     try {
-        *invoke = new CCOMMethodInvoke(object, methodKey);
+        // A name this object already answered needs no GetIDsOfNames, which
+        // is most of the cost of a call built for each statement.
+        CMetaString name;
+        MethodKind kind = MethodKindInvoke;
+        SplitMethodKey(methodKey, name, kind);
+        const wchar_t* text = name.IsEmpty() ? L"" : name.GetWide();
+        DISPID id = -1;
+        if (object != nullptr && memberIds.Find(object, text, id)) {
+            *invoke = new CCOMMethodInvoke(object, id, kind);
+        } else {
+            *invoke = new CCOMMethodInvoke(object, methodKey);
+            if (object != nullptr)
+                memberIds.Remember(object, text, (*invoke)->dispid);
+        }
     } catch (...) {
         *invoke = nullptr;
         return MetaStatusNoMemory;
