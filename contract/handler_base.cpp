@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "platform/error_text.h"
+
 namespace MetaObj {
 
 CMetaLock::CMetaLock(std::uint32_t kind) : kind(kind)
@@ -50,6 +52,7 @@ CMetaObjectHandler::CMetaObjectHandler() = default;
 
 CMetaObjectHandler::~CMetaObjectHandler()
 {
+    ForgetErrorText(this);
     lock.Destroy();
 }
 

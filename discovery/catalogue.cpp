@@ -9,6 +9,7 @@
 
 #include "contract/host_environment.h"
 #include "discovery/type_names.h"
+#include "platform/contained_call.h"
 #include "platform/platform_handles.h"
 
 namespace MetaObj {
@@ -40,7 +41,9 @@ public:
 
     bool Read(ITypeInfo* info, MEMBERID id)
     {
-        return SUCCEEDED(info->GetNames(id, names.data(), static_cast<UINT>(names.size()), &count)) && count > 0;
+        return SUCCEEDED(ContainFault([&] {
+                return info->GetNames(id, names.data(), static_cast<UINT>(names.size()), &count);
+            })) && count > 0;
     }
     // Null past what the library gave.
     const wchar_t* At(UINT index) const { return index < count ? names[index] : nullptr; }
@@ -63,7 +66,9 @@ MethodKind KindOf(INVOKEKIND invkind)
 CMetaString HelpText(ITypeInfo* info, MEMBERID id)
 {
     Bstr help;
-    if (FAILED(info->GetDocumentation(id, nullptr, help.Put(), nullptr, nullptr)) || !help.Get())
+    if (FAILED(ContainFault([&] {
+            return info->GetDocumentation(id, nullptr, help.Put(), nullptr, nullptr);
+        })) || !help.Get())
         return CMetaString();
     return CMetaString(help.Get());
 }
@@ -158,18 +163,18 @@ MetaStatus ReadTypeInfos(CObjectIdentity& identity, const CTypeInfoList& list)
 {
     for (const ComPtr<ITypeInfo>& info : list) {
         TypeAttr attributes(info.Get());
-        if (FAILED(info->GetTypeAttr(attributes.Put())))
+        if (FAILED(ContainFault([&] { return info->GetTypeAttr(attributes.Put()); })))
             return MetaStatusNoTypeInfo;
         if (attributes->typekind != TKIND_DISPATCH)
             continue;
         for (UINT index = 0; index < attributes->cFuncs; ++index) {
             FuncDesc function(info.Get());
-            if (SUCCEEDED(info->GetFuncDesc(index, function.Put())))
+            if (SUCCEEDED(ContainFault([&] { return info->GetFuncDesc(index, function.Put()); })))
                 AddFunctionEntry(identity, info.Get(), *function.operator->());
         }
         for (UINT index = 0; index < attributes->cVars; ++index) {
             VarDesc variable(info.Get());
-            if (SUCCEEDED(info->GetVarDesc(index, variable.Put())))
+            if (SUCCEEDED(ContainFault([&] { return info->GetVarDesc(index, variable.Put()); })))
                 AddVariableEntries(identity, info.Get(), *variable.operator->());
         }
     }

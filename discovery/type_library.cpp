@@ -6,13 +6,16 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "identity/com_identity.h"
+#include "platform/contained_call.h"
 #include "text/meta_string.h"
 
 using MetaObj::Bstr;
@@ -41,6 +44,26 @@ bool ReadDefault(HKEY key, const char* subkey, LONG limit, std::string& out)
         return false;
     out = buffer.get();
     return true;
+}
+
+// A library's file for this build's platform. The registry names it under win32
+// for a 32-bit library and win64 for a 64-bit one; a 64-bit module can load only
+// the latter as a rule, but many libraries of no code register under win32 alone
+// and load on both, so win32 is the 64-bit build's fallback.
+#ifdef _WIN64
+constexpr const char* kPlatformSubkeys[] = {"win64", "win32"};
+#else
+constexpr const char* kPlatformSubkeys[] = {"win32"};
+#endif
+
+bool ReadLibraryFile(HKEY key, const std::string& versionText, const char* locale, std::string& file)
+{
+    for (const char* platform : kPlatformSubkeys) {
+        const std::string subkey = versionText + "\\" + locale + "\\" + platform;
+        if (ReadDefault(key, subkey.c_str(), kLibraryFileBytes, file))
+            return true;
+    }
+    return false;
 }
 
 RegKey OpenKey(HKEY parent, const std::string& path, REGSAM access)
@@ -165,7 +188,7 @@ bool CCOMIdentity::LoadServerTypeLib(std::uint32_t version, GUID& libraryId, CMe
         return false;
     {
         LibAttr attributes(library.Get());
-        if (FAILED(library->GetLibAttr(attributes.Put())))
+        if (FAILED(MetaObj::ContainFault([&] { return library->GetLibAttr(attributes.Put()); })))
             return false;
         if (version != 0 &&
             (attributes->wMajorVerNum != (version >> 16) || attributes->wMinorVerNum != (version & 0xFFFF)))
@@ -173,7 +196,9 @@ bool CCOMIdentity::LoadServerTypeLib(std::uint32_t version, GUID& libraryId, CMe
         libraryId = attributes->guid;
     }
     Bstr libraryName;
-    if (FAILED(library->GetDocumentation(-1, libraryName.Put(), nullptr, nullptr, nullptr)))
+    if (FAILED(MetaObj::ContainFault([&] {
+            return library->GetDocumentation(-1, libraryName.Put(), nullptr, nullptr, nullptr);
+        })))
         return false;
     path = CMetaString(serverPath.c_str());
     name = CMetaString(libraryName.Get());
@@ -206,7 +231,7 @@ bool CCOMIdentity::FindTypeLibFile(std::uint32_t version, std::string& name, std
     std::string file;
     bool found = false;
     for (const char* locale : kLocales) {
-        if (ReadDefault(key.Get(), (versionText + "\\" + locale + "\\win32").c_str(), kLibraryFileBytes, file)) {
+        if (ReadLibraryFile(key.Get(), versionText, locale, file)) {
             found = true;
             break;
         }
@@ -219,7 +244,7 @@ bool CCOMIdentity::FindTypeLibFile(std::uint32_t version, std::string& name, std
              ++index) {
             if (std::atoi(locale.c_str()) == 0)
                 continue;
-            found = ReadDefault(key.Get(), (versionText + "\\" + locale + "\\win32").c_str(), kLibraryFileBytes, file);
+            found = ReadLibraryFile(key.Get(), versionText, locale.c_str(), file);
             break;
         }
     }
@@ -231,84 +256,65 @@ bool CCOMIdentity::FindTypeLibFile(std::uint32_t version, std::string& name, std
 
 namespace MetaObj {
 
-ComPtr<ITypeLib> LoadRegisteredTypeLib(const char* libraryId)
+namespace {
+
+struct LibraryVersion {
+    unsigned major = 0, minor = 0;
+    std::string name;  // the subkey as written
+};
+
+// The registered versions of a library, the highest first. Versions are
+// hexadecimal; minor counts in hundredths, so "1.ff" outranks "2.0".
+std::vector<LibraryVersion> RegisteredVersions(const char* libraryId)
 {
-    if (!libraryId)
-        return nullptr;
+    std::vector<LibraryVersion> versions;
     const std::string text(libraryId);
     const std::string path = text.compare(0, 1, "{") == 0 ? "TypeLib\\" + text : "TypeLib\\{" + text + "}";
-    std::string bestName;
-    unsigned bestMajor = 0, bestMinor = 0;
-    {
-        const RegKey key = OpenKey(HKEY_CLASSES_ROOT, path, kLibraryAccess);
-        if (!key)
-            return nullptr;
-        // Versions are hexadecimal; minor counts in hundredths, so "1.ff" outranks "2.0".
-        double best = 0.0;
-        std::string name;
-        for (DWORD index = 0; EnumSubkey(key.Get(), index, name); ++index) {
-            unsigned major = 0, minor = 0;
-            if (std::sscanf(name.c_str(), "%x.%x", &major, &minor) != 2)
-                continue;
-            const double value = major + minor * 0.01;
-            if (value > best) {
-                best = value;
-                bestMajor = major;
-                bestMinor = minor;
-                bestName = name;
-            }
-        }
-        if (best == 0.0)
-            return nullptr;
+    const RegKey key = OpenKey(HKEY_CLASSES_ROOT, path, kLibraryAccess);
+    if (!key)
+        return versions;
+    std::string name;
+    for (DWORD index = 0; EnumSubkey(key.Get(), index, name); ++index) {
+        LibraryVersion version;
+        if (std::sscanf(name.c_str(), "%x.%x", &version.major, &version.minor) != 2 ||
+            version.major + version.minor * 0.01 == 0.0)
+            continue;
+        version.name = name;
+        versions.push_back(version);
     }
-    GUID guid;
-    if (!ClassIdFromText(libraryId, &guid))
-        return nullptr;
+    std::stable_sort(versions.begin(), versions.end(), [](const LibraryVersion& a, const LibraryVersion& b) {
+        return a.major + a.minor * 0.01 > b.major + b.minor * 0.01;
+    });
+    return versions;
+}
+
+ComPtr<ITypeLib> LoadLibraryVersion(const GUID& guid, const LibraryVersion& version)
+{
     ComPtr<ITypeLib> library;
-    if (SUCCEEDED(LoadRegTypeLib(guid, static_cast<WORD>(bestMajor), static_cast<WORD>(bestMinor),
+    if (SUCCEEDED(LoadRegTypeLib(guid, static_cast<WORD>(version.major), static_cast<WORD>(version.minor),
                                  GetUserDefaultLCID(), library.Put())))
         return library;
     // Some registrations wrote their version in decimal.
     int major = 0, minor = 0;
-    if (std::sscanf(bestName.c_str(), "%d.%d", &major, &minor) != 2 ||
+    if (std::sscanf(version.name.c_str(), "%d.%d", &major, &minor) != 2 ||
         FAILED(LoadRegTypeLib(guid, static_cast<WORD>(major), static_cast<WORD>(minor), GetUserDefaultLCID(),
                               library.Put())))
         return nullptr;
     return library;
 }
 
-std::size_t CollectTypeInfos(const char* objectName, CTypeInfoList& list, const char* typeLibAttribute)
+// How many type infos of the class the library added to the list.
+std::size_t CollectFromLibrary(ITypeLib* library, const CLSID& classId, CTypeInfoList& list)
 {
-    CLSID classId = {};
-    ClassIdFromText(objectName, &classId);  // on failure nothing matches
-    ComPtr<ITypeLib> library;
-    if (typeLibAttribute && *typeLibAttribute) {
-        library = LoadRegisteredTypeLib(typeLibAttribute);
-    } else {
-        // Built from the bare name: these probes don't see the attribute.
-        const CCOMIdentity identity(objectName ? objectName : "", 0);
-        GUID libraryId;
-        char* libraryText = nullptr;
-        if (identity.GetTypeLibGuid(libraryId, nullptr)) {
-            if (ClassIdToText(&libraryId, &libraryText))
-                library = LoadRegisteredTypeLib(libraryText);
-            delete[] libraryText;
-        } else {
-            std::string serverPath;
-            ServerKind kind = ServerKindRemote;
-            if (identity.GetServerPath(serverPath, kind) && kind != ServerKindRemote)
-                library = LoadTypeLibFile(serverPath);
-        }
-    }
-    if (!library)
-        return 0;
+    const std::size_t before = list.size();
     const UINT count = library->GetTypeInfoCount();
     for (UINT index = 0; index < count; ++index) {
         ComPtr<ITypeInfo> info;
-        if (FAILED(library->GetTypeInfo(index, info.Put())))
+        if (FAILED(ContainFault([&] { return library->GetTypeInfo(index, info.Put()); })))
             continue;
         TypeAttr attributes(info.Get());
-        if (FAILED(info->GetTypeAttr(attributes.Put())) || !IsEqualGUID(attributes->guid, classId))
+        if (FAILED(ContainFault([&] { return info->GetTypeAttr(attributes.Put()); })) ||
+            !IsEqualGUID(attributes->guid, classId))
             continue;
         if (attributes->typekind == TKIND_DISPATCH) {
             list.push_back(info);
@@ -317,13 +323,66 @@ std::size_t CollectTypeInfos(const char* objectName, CTypeInfoList& list, const 
             for (WORD implemented = 0; implemented < attributes->cImplTypes; ++implemented) {
                 HREFTYPE reference;
                 ComPtr<ITypeInfo> interfaceInfo;
-                if (SUCCEEDED(info->GetRefTypeOfImplType(implemented, &reference)) &&
-                    SUCCEEDED(info->GetRefTypeInfo(reference, interfaceInfo.Put())))
+                if (SUCCEEDED(ContainFault([&] { return info->GetRefTypeOfImplType(implemented, &reference); })) &&
+                    SUCCEEDED(ContainFault([&] { return info->GetRefTypeInfo(reference, interfaceInfo.Put()); })))
                     list.push_back(interfaceInfo);
             }
         }
     }
+    return list.size() - before;
+}
+
+}  // namespace
+
+ComPtr<ITypeLib> LoadRegisteredTypeLib(const char* libraryId)
+{
+    if (!libraryId)
+        return nullptr;
+    const std::vector<LibraryVersion> versions = RegisteredVersions(libraryId);
+    GUID guid;
+    if (versions.empty() || !ClassIdFromText(libraryId, &guid))
+        return nullptr;
+    return LoadLibraryVersion(guid, versions.front());
+}
+
+std::size_t CollectTypeInfos(const char* objectName, CTypeInfoList& list, const char* typeLibAttribute)
+{
+    CLSID classId = {};
+    ClassIdFromText(objectName, &classId);  // on failure nothing matches
+    std::string libraryText;
+    if (typeLibAttribute && *typeLibAttribute) {
+        libraryText = typeLibAttribute;
+    } else {
+        // Built from the bare name: these probes don't see the attribute.
+        const CCOMIdentity identity(objectName ? objectName : "", 0);
+        GUID libraryId;
+        char* text = nullptr;
+        if (identity.GetTypeLibGuid(libraryId, nullptr)) {
+            if (ClassIdToText(&libraryId, &text))
+                libraryText = text;
+            delete[] text;
+        } else {
+            std::string serverPath;
+            ServerKind kind = ServerKindRemote;
+            if (!identity.GetServerPath(serverPath, kind) || kind == ServerKindRemote)
+                return 0;
+            const ComPtr<ITypeLib> library = LoadTypeLibFile(serverPath);
+            return library ? CollectFromLibrary(library.Get(), classId, list) : 0;
+        }
+    }
+    // The highest version first; one library identifier often holds several
+    // generations of a product, each of its own classes (MSXML's 3.0 document is
+    // not in its 6.0 library), so a version that doesn't hold the class gives way.
+    GUID guid;
+    if (libraryText.empty() || !ClassIdFromText(libraryText.c_str(), &guid))
+        return 0;
+    for (const LibraryVersion& version : RegisteredVersions(libraryText.c_str())) {
+        const ComPtr<ITypeLib> library = LoadLibraryVersion(guid, version);
+        if (library && CollectFromLibrary(library.Get(), classId, list) > 0)
+            break;
+    }
     return list.size();
 }
+
 
 }  // namespace MetaObj

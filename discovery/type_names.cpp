@@ -9,6 +9,7 @@
 #include <string>
 
 #include "identity/com_identity.h"
+#include "platform/contained_call.h"
 #include "platform/module_state.h"
 #include "platform/platform_handles.h"
 #include "resources/string_ids.h"
@@ -136,7 +137,9 @@ std::wstring SignatureOf(const TYPEDESC* type)
 CMetaString DocumentationName(ITypeInfo* info)
 {
     Bstr name;
-    if (FAILED(info->GetDocumentation(MEMBERID_NIL, name.Put(), nullptr, nullptr, nullptr)))
+    if (FAILED(ContainFault([&] {
+            return info->GetDocumentation(MEMBERID_NIL, name.Put(), nullptr, nullptr, nullptr);
+        })))
         return CMetaString();
     return CMetaString(name.Get());
 }
@@ -145,7 +148,7 @@ CMetaString MemberName(ITypeInfo* info, MEMBERID id, bool& found)
 {
     Bstr name;
     UINT count = 0;
-    found = SUCCEEDED(info->GetNames(id, name.Put(), 1, &count)) && count == 1;
+    found = SUCCEEDED(ContainFault([&] { return info->GetNames(id, name.Put(), 1, &count); })) && count == 1;
     return found ? CMetaString(name.Get()) : CMetaString();
 }
 
@@ -156,7 +159,7 @@ void BuildEnumeration(CTypeDesc& out, ITypeInfo* info, const TYPEATTR& attribute
     out.Assign(CTypeDesc(MetaTypeEnum, 0, 0));
     for (WORD index = 0; index < attributes.cVars; ++index) {
         VarDesc variable(info);
-        if (FAILED(info->GetVarDesc(index, variable.Put())))
+        if (FAILED(ContainFault([&] { return info->GetVarDesc(index, variable.Put()); })))
             continue;
         bool named = false;
         const CMetaString name = MemberName(info, variable->memid, named);
@@ -177,7 +180,7 @@ void BuildStruct(CTypeDesc& out, ITypeInfo* info, const TYPEATTR& attributes)
     out.Assign(CTypeDesc(MetaTypeStruct, 0, 0));
     for (WORD index = 0; index < attributes.cVars; ++index) {
         VarDesc variable(info);
-        if (FAILED(info->GetVarDesc(index, variable.Put())))
+        if (FAILED(ContainFault([&] { return info->GetVarDesc(index, variable.Put()); })))
             continue;
         auto member = std::make_unique<CTypeDesc>();
         if (!BuildTypeDesc(*member, info, &variable->elemdescVar.tdesc))
@@ -207,12 +210,14 @@ bool BuildUserDefined(CTypeDesc& out, ITypeInfo* info, const TYPEDESC* type)
         ~Nesting() { --depth; }
     } nesting;
     ComPtr<ITypeInfo> referenced;
-    if (depth > kMostUserDefinedDepth || FAILED(info->GetRefTypeInfo(type->hreftype, referenced.Put()))) {
+    if (depth > kMostUserDefinedDepth || FAILED(ContainFault([&] {
+            return info->GetRefTypeInfo(type->hreftype, referenced.Put());
+        }))) {
         Unresolved(out, type);
         return false;
     }
     TypeAttr attributes(referenced.Get());
-    if (FAILED(referenced->GetTypeAttr(attributes.Put()))) {
+    if (FAILED(ContainFault([&] { return referenced->GetTypeAttr(attributes.Put()); }))) {
         Unresolved(out, type);
         return false;
     }

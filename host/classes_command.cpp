@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cwctype>
+#include <map>
 
 #include "host/tool_text.h"
 #include "platform/platform_handles.h"
@@ -115,6 +116,14 @@ json DescribeClass(MetaObj::CMetaObjectHandler& handler, const std::wstring& pro
     return entry;
 }
 
+// "Ok", or the status that stopped it: opening first, then the catalogue.
+std::string DescriptionStatus(const json& described)
+{
+    if (described.contains("open") && described["open"]["name"] != "Ok")
+        return "open " + described["open"]["name"].get<std::string>();
+    return described["status"]["name"].get<std::string>();
+}
+
 }  // namespace
 
 bool MatchesClassPattern(const std::wstring& pattern, const std::wstring& text)
@@ -166,9 +175,33 @@ void PrintClasses(const json& listed)
                     entry["serverKind"].get<std::string>().empty() ? "no" : entry["serverKind"].get<std::string>().c_str(),
                     entry["server"].get<std::string>().c_str(), threading.empty() ? "-" : threading.c_str(),
                     library.c_str());
+        for (const char* part : {"catalogue", "live"}) {
+            if (!entry.contains(part))
+                continue;
+            const json& described = entry[part];
+            std::string line = DescriptionStatus(described) == "Ok"
+                                   ? std::to_string(described["members"].get<std::size_t>()) + " members"
+                                   : "status " + DescriptionStatus(described);
+            if (!described["errorText"].get<std::string>().empty())
+                line += ": " + described["errorText"].get<std::string>();
+            std::printf("    %s: %s\n", part, line.c_str());
+        }
     }
     const std::size_t count = listed["count"].get<std::size_t>();
     std::printf("%zu class%s\n", count, count == 1 ? "" : "es");
+    for (const char* part : {"catalogue", "live"}) {
+        std::map<std::string, std::size_t> byStatus;
+        for (const json& entry : listed["classes"]) {
+            if (entry.contains(part))
+                ++byStatus[DescriptionStatus(entry[part])];
+        }
+        if (byStatus.empty())
+            continue;
+        std::string counts;
+        for (const auto& [status, classes] : byStatus)
+            counts += (counts.empty() ? "" : ", ") + status + " " + std::to_string(classes);
+        std::printf("%s: %s\n", part, counts.c_str());
+    }
 }
 
 }  // namespace Tool

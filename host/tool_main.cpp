@@ -262,6 +262,29 @@ json DescribeLive(CHandlerModule& module, CReferenceHost& host, const std::strin
     return result;
 }
 
+// What a class listing shows of a description: its status and how many members.
+json Summary(const json& described)
+{
+    json summary = {{"status", described["status"]},
+                    {"errorText", described["errorText"]},
+                    {"members", described["methods"].size()}};
+    if (described.contains("open"))
+        summary["open"] = described["open"];
+    return summary;
+}
+
+// Each listed class described at design time and, with live, each that runs in
+// process opened and described as a live object, one at a time.
+void DescribeListed(json& listed, CHandlerModule& module, CReferenceHost& host, bool live)
+{
+    for (json& entry : listed["classes"]) {
+        const std::string text = "COM://" + entry["progId"].get<std::string>();
+        entry["catalogue"] = Summary(DescribeClass(module, text));
+        if (live && entry["serverKind"] == "inproc")
+            entry["live"] = Summary(DescribeLive(module, host, text, Tool::OpenOptions()));
+    }
+}
+
 void PrintRow(const char* label, const std::string& value)
 {
     std::printf("%-18s %s\n", label, value.c_str());
@@ -388,9 +411,15 @@ int main(int argc, char** argv)
     AddOpenOptions(*walk, walkCommand.options, nullptr);
     walk->footer(kWalkHelp);
     std::string classPattern;
+    bool classesDescribe = false;
+    bool classesLive = false;
     CLI::App* classes = app.add_subcommand("classes", "registered classes: ProgID, class id, threading, server, library");
     classes->add_option("pattern", classPattern,
                         "part of a ProgID or class id, or a wildcard with * and ?; case is ignored");
+    classes->add_flag("--describe", classesDescribe,
+                      "describe each class at design time: how many members its catalogue has, or why it has none");
+    classes->add_flag("--live", classesLive,
+                      "with --describe: also create each class that runs in process and describe the live object");
     CLI::App* tour = app.add_subcommand("tour", "a short tour on a Scripting.Dictionary, with explanations");
     app.require_subcommand(0, 1);
 
@@ -427,9 +456,11 @@ int main(int argc, char** argv)
         return Tool::RunWalkCommand(session.Module(), session.Host(), walkCommand);
     } else if (*classes) {
         MetaObj::CMetaObjectHandler* handler = session.Module().GetHandlerObject();
-        const json listed = Tool::ListClasses(*handler, classPattern);
+        json listed = Tool::ListClasses(*handler, classPattern);
         handler->Release();
         session.Module().FreeHandlerObject(handler);
+        if (classesDescribe || classesLive)
+            DescribeListed(listed, session.Module(), session.Host(), classesLive);
         Emit(listed, asJson, Tool::PrintClasses);
         // Nothing registered under the pattern is worth an exit code of its own.
         return listed["count"].get<std::size_t>() > 0 ? 0 : kExitFailure;

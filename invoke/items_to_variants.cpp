@@ -16,6 +16,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
+#include "platform/contained_call.h"
 #include "platform/platform_handles.h"
 
 using namespace MetaObj;
@@ -521,11 +522,13 @@ bool CCOMMethodInvoke::RecordItemToVariant(CMetaObjectStruct* item, VARIANT& out
     if (!dispatch || !item)
         return false;
     ComPtr<ITypeInfo> objectInfo;
-    if (FAILED(dispatch->GetTypeInfo(0, GetUserDefaultLCID(), objectInfo.Put())) || !objectInfo)
+    if (FAILED(ContainFault([&] {
+            return dispatch->GetTypeInfo(0, GetUserDefaultLCID(), objectInfo.Put());
+        })) || !objectInfo)
         return false;
     ComPtr<ITypeLib> library;
     UINT index = 0;
-    if (FAILED(objectInfo->GetContainingTypeLib(library.Put(), &index)) || !library)
+    if (FAILED(ContainFault([&] { return objectInfo->GetContainingTypeLib(library.Put(), &index); })) || !library)
         return false;
 
     ComPtr<IRecordInfo> recordInfo;
@@ -533,7 +536,9 @@ bool CCOMMethodInvoke::RecordItemToVariant(CMetaObjectStruct* item, VARIANT& out
     const CMetaString& structName = item->GetTypeDesc().GetStructName();
     if (ClassIdFromText(structName.GetNarrow(), &recordId)) {
         ComPtr<ITypeInfo> recordType;
-        if (SUCCEEDED(library->GetTypeInfoOfGuid(recordId, recordType.Put())) && recordType) {
+        if (SUCCEEDED(ContainFault([&] {
+                return library->GetTypeInfoOfGuid(recordId, recordType.Put());
+            })) && recordType) {
             if (FAILED(GetRecordInfoFromTypeInfo(recordType.Get(), recordInfo.Put())))
                 recordInfo.Reset();
         }

@@ -2,13 +2,13 @@
 
 #include <windows.h>
 #include <oleauto.h>
-#include <dispex.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "discovery/type_names.h"
+#include "invoke/member_ids.h"
 #include "invoke/variant_owner.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
@@ -191,19 +191,7 @@ CCOMMethodInvoke::CCOMMethodInvoke(IDispatch* dispatch, const CMetaString& metho
     MethodKind split = MethodKindInvoke;
     SplitMethodKey(methodKey, name, split);
     kind = split;
-    LPOLESTR names[] = {const_cast<LPOLESTR>(name.IsEmpty() ? L"" : name.GetWide())};
-    DISPID found = -1;
-    if (SUCCEEDED(dispatch->GetIDsOfNames(IID_NULL, names, 1, GetUserDefaultLCID(), &found))) {
-        dispid = found;
-        return;
-    }
-    // Some script engines' objects answer names only through IDispatchEx.
-    ComPtr<IDispatchEx> extended;
-    if (SUCCEEDED(dispatch->QueryInterface(__uuidof(IDispatchEx), extended.PutVoid())) && extended) {
-        Bstr text(AllocBstr(names[0], false));
-        if (SUCCEEDED(extended->GetDispID(text.Get(), fdexNameCaseInsensitive, &found)))
-            dispid = found;
-    }
+    dispid = ResolveMemberName(dispatch, name.IsEmpty() ? L"" : name.GetWide());
 }
 
 CCOMMethodInvoke::CCOMMethodInvoke(IDispatch* dispatch, DISPID dispid, MethodKind kind)

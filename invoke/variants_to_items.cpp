@@ -16,6 +16,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
+#include "platform/contained_call.h"
 #include "platform/platform_handles.h"
 
 using namespace MetaObj;
@@ -304,10 +305,10 @@ bool GetDispatchTypeGuid(IDispatch* dispatch, GUID* out)
         return false;
     ComPtr<ITypeInfo> info;
     // Exactly S_OK: anything else is not taken as an answer.
-    if (dispatch->GetTypeInfo(0, GetUserDefaultLCID(), info.Put()) != S_OK || !info)
+    if (ContainFault([&] { return dispatch->GetTypeInfo(0, GetUserDefaultLCID(), info.Put()); }) != S_OK || !info)
         return false;
     TypeAttr attributes(info.Get());
-    if (info->GetTypeAttr(attributes.Put()) != S_OK || !attributes)
+    if (ContainFault([&] { return info->GetTypeAttr(attributes.Put()); }) != S_OK || !attributes)
         return false;
     *out = attributes->guid;
     return true;
@@ -628,12 +629,12 @@ bool CCOMMethodInvoke::RecordVariantToStruct(const VARIANT& value, CMetaObjectSt
         } owner{members};
 
         ComPtr<ITypeInfo> info;
-        if (SUCCEEDED(recordInfo->GetTypeInfo(info.Put())) && info) {
+        if (SUCCEEDED(ContainFault([&] { return recordInfo->GetTypeInfo(info.Put()); })) && info) {
             TypeAttr attributes(info.Get());
-            if (SUCCEEDED(info->GetTypeAttr(attributes.Put())) && attributes) {
+            if (SUCCEEDED(ContainFault([&] { return info->GetTypeAttr(attributes.Put()); })) && attributes) {
                 for (WORD index = 0; index < attributes->cVars; ++index) {
                     VARDESC* description = nullptr;
-                    if (FAILED(info->GetVarDesc(index, &description)) || !description)
+                    if (FAILED(ContainFault([&] { return info->GetVarDesc(index, &description); })) || !description)
                         continue;
                     struct DescriptionOwner {
                         ITypeInfo* info;
@@ -642,7 +643,9 @@ bool CCOMMethodInvoke::RecordVariantToStruct(const VARIANT& value, CMetaObjectSt
                     } descriptionOwner{info.Get(), description};
                     Bstr name;
                     UINT found = 0;
-                    if (FAILED(info->GetNames(description->memid, name.Put(), 1, &found)) || found == 0)
+                    if (FAILED(ContainFault([&] {
+                            return info->GetNames(description->memid, name.Put(), 1, &found);
+                        })) || found == 0)
                         continue;
                     CVariant field;
                     if (FAILED(recordInfo->GetField(data, name.Get(), &field)))

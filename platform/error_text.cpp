@@ -1,5 +1,6 @@
 #include "platform/error_text.h"
 
+#include <atomic>
 #include <new>
 
 #include "platform/module_state.h"
@@ -16,11 +17,18 @@ std::uintptr_t KeyOf(const CMetaObjectHandler* handler)
     return reinterpret_cast<std::uintptr_t>(handler);
 }
 
+CHandlerErrorMap* ExistingThreadErrorMap()
+{
+    return static_cast<CHandlerErrorMap*>(TlsGetValue(g_errorSlot));
+}
+
+std::atomic<std::uint64_t> g_stamp{0};
+
 }  // namespace
 
 CHandlerErrorMap* GetThreadErrorMap()
 {
-    auto* map = static_cast<CHandlerErrorMap*>(TlsGetValue(g_errorSlot));
+    CHandlerErrorMap* map = ExistingThreadErrorMap();
     if (map == nullptr) {
         map = new (std::nothrow) CHandlerErrorMap;
         if (map != nullptr)
@@ -31,11 +39,24 @@ CHandlerErrorMap* GetThreadErrorMap()
 
 void SetErrorText(const CMetaObjectHandler* handler, const char* text)
 {
+    if (text == nullptr || *text == '\0') {
+        ForgetErrorText(handler);
+        return;
+    }
     CHandlerErrorMap* map = GetThreadErrorMap();
     if (map == nullptr)
         return;
-    // An empty text leaves an empty entry; it is not removed.
-    (*map)[KeyOf(handler)].AssignNarrow(text);
+    CHandlerErrorEntry& entry = (*map)[KeyOf(handler)];
+    entry.text.AssignNarrow(text);
+    entry.stamp = ++g_stamp;
+    if (map->size() > kMostThreadErrorTexts) {
+        auto oldest = map->begin();
+        for (auto at = map->begin(); at != map->end(); ++at) {
+            if (at->second.stamp < oldest->second.stamp)
+                oldest = at;
+        }
+        map->erase(oldest);
+    }
 }
 
 void SetErrorTextById(const CMetaObjectHandler* handler, UINT id)
@@ -45,10 +66,18 @@ void SetErrorTextById(const CMetaObjectHandler* handler, UINT id)
 
 const CMetaString& GetThreadErrorText(const CMetaObjectHandler* handler)
 {
-    CHandlerErrorMap* map = GetThreadErrorMap();
+    // Reading makes nothing: a thread that only asks keeps no map.
+    CHandlerErrorMap* map = ExistingThreadErrorMap();
     if (map == nullptr)
         return kEmptyMetaString;
-    return (*map)[KeyOf(handler)];
+    const auto found = map->find(KeyOf(handler));
+    return found != map->end() ? found->second.text : kEmptyMetaString;
+}
+
+void ForgetErrorText(const CMetaObjectHandler* handler)
+{
+    if (CHandlerErrorMap* map = ExistingThreadErrorMap())
+        map->erase(KeyOf(handler));
 }
 
 void ErrorTextProcessAttach()

@@ -10,6 +10,7 @@
 #include "identity/com_identity.h"
 #include "invoke/method_invoke.h"
 #include "metaobj/records.h"
+#include "platform/contained_call.h"
 #include "platform/error_text.h"
 #include "platform/module_state.h"
 #include "platform/platform_handles.h"
@@ -92,6 +93,7 @@ MetaStatus CMetaObjectCOMHandler::AttachObject(IDispatch* dispatch, const char* 
 {
     if (dispatch == nullptr)
         return MetaStatusNoObjectGiven;
+    memberIds.Forget();
     object = dispatch;
     identity.SetText(identityText);  // a null text clears
     return MetaStatusOk;
@@ -99,6 +101,7 @@ MetaStatus CMetaObjectCOMHandler::AttachObject(IDispatch* dispatch, const char* 
 
 void CMetaObjectCOMHandler::DetachObject()
 {
+    memberIds.Forget();
     object = nullptr;
     identity.Clear();
 }
@@ -211,7 +214,7 @@ MetaStatus CMetaObjectCOMHandler::FillCatalogue()
         try {
             UINT count = 0;
             if (SUCCEEDED(object->GetTypeInfoCount(&count)))
-                object->GetTypeInfo(0, GetUserDefaultLCID(), own.Put());
+                ContainFault([&] { return object->GetTypeInfo(0, GetUserDefaultLCID(), own.Put()); });
         } catch (...) {
             own.Reset();
         }
@@ -333,7 +336,20 @@ MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, 
         return MetaStatusNoMemory;
     FreeMethodInvoke(invoke);
     try {
-        *invoke = new CCOMMethodInvoke(object, methodKey);
+        // A name this object already answered needs no GetIDsOfNames, which
+        // is most of the cost of a call built for each statement.
+        CMetaString name;
+        MethodKind kind = MethodKindInvoke;
+        SplitMethodKey(methodKey, name, kind);
+        const wchar_t* text = name.IsEmpty() ? L"" : name.GetWide();
+        DISPID id = -1;
+        if (object != nullptr && memberIds.Find(object, text, id)) {
+            *invoke = new CCOMMethodInvoke(object, id, kind);
+        } else {
+            *invoke = new CCOMMethodInvoke(object, methodKey);
+            if (object != nullptr)
+                memberIds.Remember(object, text, (*invoke)->dispid);
+        }
     } catch (...) {
         *invoke = nullptr;
         return MetaStatusNoMemory;

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "contract/handler_base.h"
+#include "invoke/member_ids.h"
 
 class CCOMIdentity;
 
@@ -82,6 +83,10 @@ public:
 
     bool dcomEnabled = false;  // read once, at construction
     IDispatch* object = nullptr;
+
+private:
+    // After the fields a host may know of; forgotten whenever the object changes.
+    MetaObj::CMemberIds memberIds;
 };
 
 // A new handler as GetHandlerObject gives it: one use, no object, registered with the host.
