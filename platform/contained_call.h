@@ -5,7 +5,7 @@
 
 #include <windows.h>
 
-#include <utility>
+#include <type_traits>
 
 namespace MetaObj {
 
@@ -23,7 +23,9 @@ HRESULT CallContained(PlatformCall call, void* context);
 template <typename Call>
 HRESULT ContainFault(Call&& call)
 {
-    return CallContained([](void* context) { return (*static_cast<Call*>(context))(); }, &call);
+    using Callable = std::remove_reference_t<Call>;
+    return CallContained([](void* context) { return (*static_cast<Callable*>(context))(); },
+                         const_cast<void*>(static_cast<const void*>(&call)));
 }
 
 // Called from the module's entry point when the process lets the module go.
