@@ -3,11 +3,14 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "contract/host_environment.h"
 #include "host/reference_host.h"
 #include "metaobj/records.h"
+#include "platform/contained_call.h"
 #include "platform/error_text.h"
 #include "platform/handler_info.h"
 #include "plugin/com_handler.h"
@@ -107,22 +110,42 @@ TEST(HandlerTest, AttachDetachAndOpen)
 }
 
 // Per-thread texts are the module tests' (host threads); here the entries of one thread.
-TEST(HandlerTest, ClearingAnErrorTextLeavesOneEmptyEntry)
+TEST(HandlerTest, AThreadKeepsOnlyErrorTextsThatSaySomething)
 {
-    CMetaObjectCOMHandler handler;
     CHandlerErrorMap* map = GetThreadErrorMap();
     ASSERT_NE(map, nullptr);
-    const auto key = reinterpret_cast<std::uintptr_t>(&handler);
-    map->erase(key);  // entries outlive their handlers: an earlier one at this address may have left one
     const std::size_t before = map->size();
-    EXPECT_TRUE(handler.GetErrorText().IsEmpty());  // reading makes the entry
-    SetErrorTextById(&handler, 2000);
-    EXPECT_STREQ(handler.GetErrorText().GetNarrow(), "Could not load type library");
-    handler.CloseObject();  // clears the text first; twice leaves one empty entry
-    handler.CloseObject();
-    EXPECT_TRUE(handler.GetErrorText().IsEmpty());
-    EXPECT_EQ(map->size(), before + 1);
-    EXPECT_EQ(&handler.GetErrorText(), &(*map)[key]);
+    {
+        CMetaObjectCOMHandler handler;
+        EXPECT_TRUE(handler.GetErrorText().IsEmpty());
+        EXPECT_EQ(map->size(), before);  // reading makes nothing
+        SetErrorTextById(&handler, 2000);
+        EXPECT_STREQ(handler.GetErrorText().GetNarrow(), "Could not load type library");
+        handler.CloseObject();  // clears the text, and its entry goes
+        EXPECT_TRUE(handler.GetErrorText().IsEmpty());
+        EXPECT_EQ(map->size(), before);
+        SetErrorTextById(&handler, 2000);
+    }
+    EXPECT_EQ(map->size(), before);  // the handler's end takes its text
+    // Texts nobody clears stop at the bound, the oldest going first.
+    std::vector<std::unique_ptr<CMetaObjectCOMHandler>> handlers;
+    for (std::size_t at = 0; at <= kMostThreadErrorTexts; ++at) {
+        handlers.push_back(std::make_unique<CMetaObjectCOMHandler>());
+        SetErrorText(handlers.back().get(), "failed");
+    }
+    EXPECT_LE(map->size(), kMostThreadErrorTexts);
+    EXPECT_TRUE(handlers.front()->GetErrorText().IsEmpty());
+    EXPECT_STREQ(handlers.back()->GetErrorText().GetNarrow(), "failed");
+}
+
+TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
+{
+    const auto fault = [] { return static_cast<HRESULT>(*reinterpret_cast<volatile int*>(0x24)); };
+    EXPECT_EQ(ContainFault([] { return S_FALSE; }), S_FALSE);
+    EXPECT_EQ(ContainFault(fault), kContainedFault);
+    // Nested: the inner call contains its own fault, and the outer goes on.
+    EXPECT_EQ(ContainFault([&] { return ContainFault(fault) == kContainedFault ? S_OK : E_FAIL; }), S_OK);
+    EXPECT_EQ(ContainFault([] { return S_OK; }), S_OK);
 }
 
 TEST(HandlerTest, LockDestroyIsTheOwnersAndHappensOnce)
