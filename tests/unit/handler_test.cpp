@@ -9,6 +9,7 @@
 
 #include "contract/host_environment.h"
 #include "host/reference_host.h"
+#include "invoke/method_invoke.h"
 #include "metaobj/records.h"
 #include "platform/contained_call.h"
 #include "platform/error_text.h"
@@ -146,6 +147,37 @@ TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
     // Nested: the inner call contains its own fault, and the outer goes on.
     EXPECT_EQ(ContainFault([&] { return ContainFault(fault) == kContainedFault ? S_OK : E_FAIL; }), S_OK);
     EXPECT_EQ(ContainFault([] { return S_OK; }), S_OK);
+}
+
+// COM fixes a name's id for the life of an object: a handler asks once per
+// name and object, and asks again for names that found nothing.
+TEST(HandlerTest, ANameIsAskedOncePerObject)
+{
+    CCountingDispatch first, second;
+    CMetaObjectCOMHandler handler;
+    CCOMMethodInvoke* call = nullptr;
+    const auto make = [&](const wchar_t* key) {
+        EXPECT_EQ(handler.CreateMethodInvoke(&call, CMetaString(key)), MetaStatusOk);
+        const DISPID id = call->dispid;
+        handler.FreeMethodInvoke(&call);
+        return id;
+    };
+    first.AddRef();
+    ASSERT_EQ(handler.AttachObject(&first, nullptr), MetaStatusOk);
+    EXPECT_EQ(make(L"Get:Known"), 7);
+    EXPECT_EQ(make(L"Set:Known"), 7);
+    EXPECT_EQ(first.NameLookups(), 1);
+    EXPECT_EQ(make(L"Invoke:Missing"), -1);
+    EXPECT_EQ(make(L"Invoke:Missing"), -1);
+    EXPECT_EQ(first.NameLookups(), 3);
+    handler.CloseObject();
+    second.AddRef();
+    ASSERT_EQ(handler.AttachObject(&second, nullptr), MetaStatusOk);
+    EXPECT_EQ(make(L"Get:Known"), 7);
+    EXPECT_EQ(second.NameLookups(), 1);
+    handler.CloseObject();
+    EXPECT_EQ(first.References(), 1);
+    EXPECT_EQ(second.References(), 1);
 }
 
 TEST(HandlerTest, LockDestroyIsTheOwnersAndHappensOnce)
