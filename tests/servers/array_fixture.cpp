@@ -17,18 +17,18 @@ namespace {
 constexpr LONG kGrowExtra = 99;
 volatile LONG g_live = 0;
 
-class CArrayChild : public CCountedDual<IArrayFixtureChild> {
+class CArrayChild : public CCountedDual<IArrayFixtureChild, g_live> {
 public:
-    explicit CArrayChild(LONG id) : CCountedDual(kArrayLibraryResource, g_live), id(id) {}
+    explicit CArrayChild(LONG id) : CCountedDual(kArrayLibraryResource), id(id) {}
     HRESULT STDMETHODCALLTYPE get_Id(LONG* value) override { return *value = id, S_OK; }
 
 private:
     LONG id;
 };
 
-class CArrayFixture : public CCountedDual<IArrayFixture> {
+class CArrayFixture : public CCountedDual<IArrayFixture, g_live> {
 public:
-    CArrayFixture() : CCountedDual(kArrayLibraryResource, g_live) {}
+    CArrayFixture() : CCountedDual(kArrayLibraryResource) {}
     HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
 
     HRESULT STDMETHODCALLTYPE Make(LONG type, LONG count, VARIANT* result) override

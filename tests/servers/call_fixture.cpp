@@ -113,7 +113,7 @@ HRESULT STDMETHODCALLTYPE FillInSucceeds(EXCEPINFO* exception)
 
 HRESULT STDMETHODCALLTYPE FillInFails(EXCEPINFO*) { return E_FAIL; }
 
-class CCallFixtureChild : public CCountedDual<ICallFixtureChild> {
+class CCallFixtureChild : public CCountedDual<ICallFixtureChild, g_liveObjects> {
 public:
     template <typename Wanted>
     static HRESULT Create(Wanted** out)
@@ -128,7 +128,7 @@ public:
 
 private:
     CCallFixtureChild()
-        : CCountedDual(kCallLibraryResource, g_liveObjects), id(InterlockedIncrement(&g_lastChildId))
+        : CCountedDual(kCallLibraryResource), id(InterlockedIncrement(&g_lastChildId))
     {
     }
     const LONG id;
@@ -207,9 +207,9 @@ HRESULT AppendMark(VARIANT* value)
     return FAILED(hr) ? hr : AppendMark(&V_BSTR(value));
 }
 
-class CCallFixture : public CCountedDual<ICallFixture> {
+class CCallFixture : public CCountedDual<ICallFixture, g_liveObjects> {
 public:
-    CCallFixture() : CCountedDual(kCallLibraryResource, g_liveObjects) {}
+    CCallFixture() : CCountedDual(kCallLibraryResource) {}
 
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID locale, WORD flags, DISPPARAMS* params,
                                      VARIANT* result, EXCEPINFO* exception, UINT* argumentError) override

@@ -6,6 +6,8 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <type_traits>
+
 #include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_objects.h"
 
@@ -74,21 +76,23 @@ protected:
     DualTypeInfo types;
 };
 
-// IUnknown with a true count; live counts the objects of a fixture alive now.
-template <typename Interface>
-class CCountedDual : public CDualDispatch<Interface> {
+// A true count of references, and the fixture's count of live objects that
+// its server reports; answers IUnknown, Interface and IDispatch if it is one.
+template <typename Interface, volatile LONG& live>
+class CCounted : public Interface {
 public:
-    CCountedDual(const CCountedDual&) = delete;
-    CCountedDual& operator=(const CCountedDual&) = delete;
+    CCounted(const CCounted&) = delete;
+    CCounted& operator=(const CCounted&) = delete;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
         if (out == nullptr)
             return E_POINTER;
-        *out = nullptr;
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) && !IsEqualIID(iid, __uuidof(Interface)))
+        const bool answers = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, __uuidof(Interface)) ||
+                             (std::is_base_of<IDispatch, Interface>::value && IsEqualIID(iid, IID_IDispatch));
+        *out = answers ? static_cast<Interface*>(this) : nullptr;
+        if (!answers)
             return E_NOINTERFACE;
-        *out = static_cast<Interface*>(this);
         this->AddRef();
         return S_OK;
     }
@@ -102,13 +106,17 @@ public:
     }
 
 protected:
-    CCountedDual(int resource, volatile LONG& live) : CDualDispatch<Interface>(resource), live(live)
-    {
-        InterlockedIncrement(&live);
-    }
-    virtual ~CCountedDual() { InterlockedDecrement(&live); }
+    CCounted() { InterlockedIncrement(&live); }
+    virtual ~CCounted() { InterlockedDecrement(&live); }
 
 private:
-    volatile LONG& live;
     volatile LONG references = 1;  // the creator's
+};
+
+// The fixtures' objects: a true count of references, the fixture's count of
+// live objects, and IDispatch answered from the type information of resource.
+template <typename Interface, volatile LONG& live>
+class CCountedDual : public CDualDispatch<Interface, CCounted<Interface, live>> {
+protected:
+    explicit CCountedDual(int resource) : CDualDispatch<Interface, CCounted<Interface, live>>(resource) {}
 };
