@@ -9,20 +9,30 @@
 #include <functional>
 #include <vector>
 
+// Releases the watched threads together.
+inline HANDLE WatchdogStart()
+{
+    static const HANDLE go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    return go;
+}
+
+inline DWORD WINAPI RunWatchedBody(void* argument)
+{
+    WaitForSingleObject(WatchdogStart(), INFINITE);
+    (*static_cast<const std::function<void()>*>(argument))();
+    return 0;
+}
+
 // Runs every body on a thread of its own, all released at once by one event.
 // Returns false if a thread could not be made; ends the process if the limit passes.
 inline bool RunThreadsWithWatchdog(const std::vector<std::function<void()>>& bodies, DWORD limitMilliseconds)
 {
-    static HANDLE go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const HANDLE go = WatchdogStart();
     ResetEvent(go);
     std::vector<HANDLE> threads;
     for (const auto& body : bodies) {
-        const auto run = [](void* argument) -> DWORD {
-            WaitForSingleObject(go, INFINITE);
-            (*static_cast<const std::function<void()>*>(argument))();
-            return 0;
-        };
-        if (HANDLE thread = CreateThread(nullptr, 0, run, const_cast<std::function<void()>*>(&body), 0, nullptr))
+        if (HANDLE thread =
+                CreateThread(nullptr, 0, RunWatchedBody, const_cast<std::function<void()>*>(&body), 0, nullptr))
             threads.push_back(thread);
     }
     SetEvent(go);
