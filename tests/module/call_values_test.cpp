@@ -48,7 +48,7 @@ TEST_F(CallValuesTest, OutAndInOutParametersAreWrittenBack)
         const wchar_t* key;
         std::function<Param()> item;
         const wchar_t* text;
-        double number;
+        double number = 0;
     } rows[] = {
         // In/out: the object changes what went in.
         {"I1 comes back sign-extended", L"Invoke:RefI1", [] { return ByRef(Char(0xFE, L"VT_I1"), kInOut); }, L"\xFFFF"},

@@ -141,7 +141,8 @@ TEST(HandlerTest, AThreadKeepsOnlyErrorTextsThatSaySomething)
 
 TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
 {
-    const auto fault = [] { return static_cast<HRESULT>(*reinterpret_cast<volatile int*>(0x24)); };
+    static volatile std::uintptr_t badAddress = 0x24;  // the read oleaut32 made on ADO's Fields
+    const auto fault = [] { return static_cast<HRESULT>(*reinterpret_cast<volatile int*>(badAddress)); };
     EXPECT_EQ(ContainFault([] { return S_FALSE; }), S_FALSE);
     EXPECT_EQ(ContainFault(fault), kContainedFault);
     // Nested: the inner call contains its own fault, and the outer goes on.
