@@ -56,7 +56,7 @@ enum Kind { Int, Char, Real, Bool, Enum, Unknown, Text, Currency, Date };
 enum Flags { NullTag = 1, Optional = 2, Omitted = 4, OutOnly = 8 };
 
 // An item of a kind with a number or a text, typed by a signature.
-struct Spec {
+struct ItemShape {
     Kind kind;
     double number;
     const wchar_t* signature;
@@ -64,32 +64,32 @@ struct Spec {
     const wchar_t* text = L"";
 };
 
-ItemPtr Make(const Spec& spec)
+ItemPtr Make(const ItemShape& shape)
 {
     CMetaObjectItem* item = nullptr;
-    const auto whole = static_cast<std::int32_t>(static_cast<long long>(spec.number));
-    switch (spec.kind) {
+    const auto whole = static_cast<std::int32_t>(static_cast<long long>(shape.number));
+    switch (shape.kind) {
     case Int: item = new CMetaObjectInt(whole); break;
-    case Char: item = new CMetaObjectChar(static_cast<wchar_t>(spec.number)); break;
-    case Real: item = new CMetaObjectReal(spec.number); break;
-    case Bool: item = new CMetaObjectBool(static_cast<unsigned char>(spec.number)); break;
+    case Char: item = new CMetaObjectChar(static_cast<wchar_t>(shape.number)); break;
+    case Real: item = new CMetaObjectReal(shape.number); break;
+    case Bool: item = new CMetaObjectBool(static_cast<unsigned char>(shape.number)); break;
     case Enum: item = new CMetaObjectEnum(whole); break;
-    case Unknown: item = new CMetaObjectUnknown(static_cast<std::uint32_t>(spec.number)); break;
+    case Unknown: item = new CMetaObjectUnknown(static_cast<std::uint32_t>(shape.number)); break;
     case Text: item = new CMetaObjectString; break;
     case Currency: item = new CMetaObjectCurrency; break;
     case Date: item = new CMetaObjectDate; break;
     }
     if (auto* string = dynamic_cast<CMetaObjectString*>(item))
-        string->value = CMetaString(spec.text);
-    if (spec.kind == Enum || spec.kind == Unknown)
-        item->GetTypeDesc().type = spec.kind == Enum ? MetaTypeEnum : MetaTypeUnknown;
-    item->GetTypeDesc().signature = CMetaString(spec.signature);
-    item->GetTypeDesc().isByRef = spec.byRef;
-    if (spec.flags & NullTag)
+        string->value = CMetaString(shape.text);
+    if (shape.kind == Enum || shape.kind == Unknown)
+        item->GetTypeDesc().type = shape.kind == Enum ? MetaTypeEnum : MetaTypeUnknown;
+    item->GetTypeDesc().signature = CMetaString(shape.signature);
+    item->GetTypeDesc().isByRef = shape.byRef;
+    if (shape.flags & NullTag)
         item->SetTagText(CMetaString(L"<@nullobject>"));
-    item->SetOptional((spec.flags & Optional) != 0);
-    item->SetOmitted((spec.flags & Omitted) != 0);
-    item->SetDirection(spec.flags & OutOnly ? 1 : spec.byRef ? 2 : 0);
+    item->SetOptional((shape.flags & Optional) != 0);
+    item->SetOmitted((shape.flags & Omitted) != 0);
+    item->SetDirection(shape.flags & OutOnly ? 1 : shape.byRef ? 2 : 0);
     return ItemPtr(item);
 }
 
@@ -141,7 +141,7 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
 {
     const struct {
         const char* name;
-        Spec item;
+        ItemShape item;
         VARTYPE vt;  // VT_ILLEGAL: refused
         const wchar_t* held;
     } rows[] = {
@@ -195,7 +195,7 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
 {
     const struct {
         const char* name;
-        Spec item;           // as it went out
+        ItemShape item;           // as it went out
         std::function<void(VARIANT&)> changed;  // what the object did to the argument
         bool written;
         const wchar_t* shown;
@@ -252,7 +252,7 @@ std::unique_ptr<CMetaObjectArray, ClearingDelete> MakeArray(const wchar_t* signa
 
 TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
 {
-    const struct { const wchar_t* signature; Spec element; VARTYPE type; const wchar_t* held; } rows[] = {
+    const struct { const wchar_t* signature; ItemShape element; VARTYPE type; const wchar_t* held; } rows[] = {
         {L"VT_I1|VT_ARRAY", {Char, 0x1FF, L""}, VT_I1, L"-1"}, {L"VT_UI1|VT_ARRAY", {Char, 0x141, L""}, VT_UI1, L"65"},
         {L"VT_I2|VT_ARRAY", {Int, 0x12345, L""}, VT_I2, L"9029"},
         {L"VT_UI4|VT_ARRAY", {Int, -1, L""}, VT_UI4, L"4294967295"},
