@@ -336,19 +336,21 @@ MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, 
         return MetaStatusNoMemory;
     FreeMethodInvoke(invoke);
     try {
-        // A name this object already answered needs no GetIDsOfNames, which
-        // is most of the cost of a call built for each statement.
-        CMetaString name;
-        MethodKind kind = MethodKindInvoke;
-        SplitMethodKey(methodKey, name, kind);
-        const wchar_t* text = name.IsEmpty() ? L"" : name.GetWide();
-        DISPID id = -1;
-        if (object != nullptr && memberIds.Find(object, text, id)) {
-            *invoke = new CCOMMethodInvoke(object, id, kind);
+        if (object == nullptr) {
+            *invoke = new CCOMMethodInvoke(object, methodKey);  // a call that fails at Execute
         } else {
-            *invoke = new CCOMMethodInvoke(object, methodKey);
-            if (object != nullptr)
-                memberIds.Remember(object, text, (*invoke)->dispid);
+            // A name this object already answered needs no GetIDsOfNames, which
+            // is most of the cost of a call built for each statement.
+            CMetaString name;
+            MethodKind kind = MethodKindInvoke;
+            SplitMethodKey(methodKey, name, kind);
+            const wchar_t* text = name.IsEmpty() ? L"" : name.GetWide();
+            DISPID id = -1;
+            if (!memberIds.Find(object, text, id)) {
+                id = ResolveMemberName(object, text);
+                memberIds.Remember(object, text, id);
+            }
+            *invoke = new CCOMMethodInvoke(object, id, kind);
         }
     } catch (...) {
         *invoke = nullptr;
