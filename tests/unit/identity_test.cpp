@@ -13,52 +13,6 @@ using MetaObj::CObjectIdentity;
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-Pairs AttributesOf(const CObjectIdentity& identity)
-{
-    Pairs pairs;
-    for (const auto* attribute : identity.GetAttributes())
-        pairs.emplace_back(attribute->GetName(), attribute->GetValue());
-    return pairs;
-}
-
-TEST(ObjectIdentityTest, ParsesTextsIntoParts)
-{
-    const struct {
-        const char* text;
-        const char* scheme;
-        const char* objectName;
-        const char* baseText;
-        Pairs attributes;
-        bool complete;
-    } rows[] = {
-        {"COM://Sample.Object?Host=alpha?TypeLib=", "COM", "Sample.Object", "COM://Sample.Object",
-         {{"Host", "alpha"}, {"TypeLib", ""}}, true},
-        {"COM://x?a=b=c", "COM", "x", "COM://x", {{"a", "b=c"}}, true},
-        {"COM://x?flag?b=1", "COM", "x", "COM://x", {{"b", "1"}}, true},
-        {"COM://x? Host = alpha ", "COM", "x", "COM://x", {{"Host", "alpha"}}, true},
-        {"COM://x?  =1?\t=2", "COM", "x", "COM://x", {}, true},
-        {"COM://x??a=1?", "COM", "x", "COM://x", {{"a", "1"}}, true},
-        {"x?Host=a://b", "x?Host=a", "b", "x", {}, true},
-        {"COM://", "COM", "", "COM://", {}, false},
-        {"://name", "", "name", "://name", {}, false},
-        {"COM:/x?a=1", "", "", "", {}, false},
-        {" COM://My Object ", " COM", "My Object ", " COM://My Object ", {}, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
-        CObjectIdentity identity;
-        identity.SetText(row.text);
-        EXPECT_EQ(identity.GetText(), row.text);
-        EXPECT_EQ(identity.GetScheme(), row.scheme);
-        EXPECT_EQ(identity.GetObjectName(), row.objectName);
-        EXPECT_EQ(identity.GetBaseText(), row.baseText);
-        EXPECT_EQ(AttributesOf(identity), row.attributes);
-        EXPECT_EQ(identity.IsComplete(), row.complete);
-    }
-}
-
 TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
 {
     CObjectIdentity identity;
