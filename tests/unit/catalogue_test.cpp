@@ -105,50 +105,6 @@ protected:
     std::vector<std::string> keys;
 };
 
-TEST_F(CatalogueTest, DescribesAPlatformClassAtDesignTime)
-{
-    ASSERT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusOk);
-    const std::vector<std::string> keys = Keys();
-    for (const char* key : {"Invoke:Add", "Get:Count", "Get:Item", "Set:Item", "Invoke:Exists"})
-        EXPECT_TRUE(Holds(keys, key)) << key;
-    for (const char* key : {"Invoke:_NewEnum", "Invoke:QueryInterface", "Invoke:Invoke"})
-        EXPECT_FALSE(Holds(keys, key)) << key;
-    EXPECT_EQ(handler.GetMethodCount(), keys.size());
-
-    CMethodInfo* info = nullptr;
-    ASSERT_EQ(handler.GetMethodInfo(L"Get:Count", 31, &info, 77), MetaStatusOk);
-    EXPECT_EQ(Narrow(info->displayName), "getCount");
-    EXPECT_EQ(info->returnType.type, MetaTypeInt);
-    EXPECT_EQ(info->kind, MethodKindGet);
-    EXPECT_EQ(info->paramCount, 0u);
-    EXPECT_EQ(info->clientData, 77u);
-    handler.FreeMethodInfo(info);
-
-    ASSERT_EQ(handler.GetMethodInfo(L"Add", 0, &info, 5), MetaStatusOk);  // a bare name is an invocation
-    EXPECT_TRUE(info->displayName.IsEmpty());
-    EXPECT_EQ(Narrow(info->methodKey), "Add");
-    EXPECT_EQ(info->clientData, 5u);
-    handler.FreeMethodInfo(info);
-
-    CParamInfo* param = nullptr;
-    ASSERT_EQ(handler.GetParamInfo(L"Invoke:Add", 1, 31, &param, 0), MetaStatusOk);
-    EXPECT_EQ(Narrow(param->name), "Item");
-    EXPECT_EQ(param->isAny, 1);
-    EXPECT_EQ(param->direction, 0u);
-    EXPECT_EQ(param->index, 1u);
-    handler.FreeParamInfo(param);
-    EXPECT_EQ(handler.GetParamInfo(L"Invoke:Add", 2, 31, &param, 0), MetaStatusBadIdentity);
-    EXPECT_EQ(handler.GetParamInfo(L"Invoke:NoSuchThing", 0, 31, &param, 0), MetaStatusNoTypeInfo);
-    EXPECT_EQ(handler.GetMethodInfo(L"set:count", 31, &info, 0), MetaStatusNoTypeInfo);  // names keep their case
-
-    handler.UnloadObjectInfo();
-    const std::vector<std::string> expectedEnds = {"End", "Release"};
-    const std::vector<std::string> calls = host.LoadCalls();
-    ASSERT_GE(calls.size(), 3u);
-    EXPECT_EQ(calls.front(), "Begin");
-    EXPECT_EQ(std::vector<std::string>(calls.end() - 2, calls.end()), expectedEnds);
-}
-
 TEST_F(CatalogueTest, StatusesOfLoadsThatCannotGoAhead)
 {
     EXPECT_EQ(handler.LoadObjectInfo(""), MetaStatusBadIdentity);
@@ -170,7 +126,6 @@ TEST_F(CatalogueTest, StatusesOfLoadsThatCannotGoAhead)
     EXPECT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusNoTypeInfo);
     host.RefuseEnds(false);
 
-    // Loaded once, the host says there is nothing to load: no reading at all.
     ASSERT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusOk);
     const std::size_t callsBefore = host.LoadCalls().size();
     EXPECT_EQ(handler.LoadObjectInfo(""), MetaStatusOk);  // the identity it holds
@@ -200,7 +155,6 @@ TEST_F(FixtureLibraryTest, MembersAreFilteredByFlagsAndExactNames)
         EXPECT_TRUE(Has(key)) << key;
     for (const char* key : {"Invoke:Secret", "Invoke:Internal", "Invoke:Nothing", "Invoke:QueryInterface"})
         EXPECT_FALSE(Has(key)) << key;
-    // A variable gives its setter, then its getter.
     const auto setCount = std::find(keys.begin(), keys.end(), "Set:Count");
     ASSERT_NE(setCount, keys.end());
     EXPECT_EQ(*(setCount + 1), "Get:Count");
@@ -231,7 +185,6 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
         {L"Invoke:Caption", 0, 0, MetaTypeString, 0, "Text", "VT_BSTR"},  // an alias reads as its target
         {L"Invoke:Arrays", 0, 0, MetaTypeString, 0, "Array of Text", "VT_BSTR|VT_ARRAY"},
         {L"Setref:Target", 0, 0, MetaTypeObject, 0, "", "VT_DISPATCH"},
-        // A pointer to an object needs no by-reference mark.
         {L"Invoke:Hold", 1, 0, MetaTypeObject, 0, "", "VT_DISPATCH"},
     };
     for (const auto& row : rows) {
@@ -258,8 +211,6 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
     ASSERT_NE(origin.structBody, nullptr);
     EXPECT_EQ(origin.structBody->members.size(), 2u);
 
-    // A pointer to a coclass can't be resolved, but a pointer is: the member
-    // stays as an object of no name.
     const auto holder = Param(L"Invoke:Hold", 0);
     ASSERT_EQ(holder->type.structBody->members.size(), 3u);
     const CTypeDesc& owner = **std::next(holder->type.structBody->members.begin());
@@ -306,13 +257,10 @@ TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
     ASSERT_TRUE(identity.FindTypeLibFile(0, libraryName, file));  // no library key: the server file
     EXPECT_EQ(file, ServerPath());
 
-    // Found in the server file but not registered: the class can't be described.
     CTypeInfoList list;
     EXPECT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 0u);
 
-    // Registered with the file as the library's file, it can.
     RegisterLibrary(registration, "1.0", ServerPath());
-    // All three interfaces of the coclass, in order; the catalogue reads the dispatch ones.
     ASSERT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 3u);
     TYPEATTR* attributes = nullptr;
     ASSERT_TRUE(SUCCEEDED(list.back()->GetTypeAttr(&attributes)));

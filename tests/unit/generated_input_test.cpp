@@ -1,5 +1,5 @@
 // Generated input for the parsers the host's texts reach: identity texts, tag
-// texts, signatures, method keys and MoxText formats. Each property is a row:
+// texts and MoxText formats. Each property is a row:
 // its seed, its number of cases (COMHANDLER_SOAK_CASES raises it) and its body;
 // every case must leave no heap block behind.
 
@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "discovery/type_names.h"
 #include "identity/com_identity.h"
 #include "metaobj/scalar_items.h"
 #include "tests/support/leak_check.h"
@@ -125,7 +124,6 @@ void IdentityTexts(TextGenerator& gen)
             identity.SetScheme(parts[0]);
             EXPECT_EQ(identity.GetText(), text);
         }
-        // The narrow entry reads up to the first NUL, as does the COM identity's.
         CObjectIdentity narrow;
         narrow.SetText(text.c_str());
         EXPECT_EQ(narrow.GetText(), std::string(text.c_str()));
@@ -160,13 +158,10 @@ void Tags(TextGenerator& gen)
         CMetaObjectString item;
         CMetaString nameOut(kUntouched), scopeOut(kUntouched);
         if (made) {
-            // The tag carries the narrow forms; a text the conversion refuses goes as empty.
             const std::string narrowName = Narrow(name.c_str()), narrowScope = Narrow(scope.c_str());
             EXPECT_TRUE(item.MakeVarParam(CMetaString(name.c_str()), CMetaString(scope.c_str())));
             EXPECT_TRUE(item.IsVarParam());
             const bool parsed = item.ParseVarParam(nameOut, scopeOut);
-            // A value cut at the format limit has no end; SCOPE= is searched as a
-            // plain substring, so a name that holds it moves the scope.
             if (Narrow(item.GetTagText()).size() >= kFormatLimit)
                 return;
             if (Lower(narrowName).find("scope=") != std::string::npos) {
@@ -191,115 +186,6 @@ void Tags(TextGenerator& gen)
                 EXPECT_NE(std::string(narrow).find(Narrow(*out)), std::string::npos);
             }
         }
-    });
-}
-
-constexpr const wchar_t* kSignatures[] = {
-    L"VT_I2",   L"VT_I4",    L"VT_R4",   L"VT_R8",    L"VT_CY",   L"VT_DATE",    L"VT_BSTR",  L"VT_DISPATCH",
-    L"VT_ERROR", L"VT_BOOL", L"VT_VARIANT", L"VT_UNKNOWN", L"VT_DECIMAL", L"VT_I1", L"VT_UI1", L"VT_UI2",
-    L"VT_UI4",  L"VT_I8",    L"VT_UI8",  L"VT_INT",   L"VT_UINT", L"VT_VOID",    L"VT_HRESULT", L"VT_LPSTR",
-    L"VT_LPWSTR", L"VT_RECORD",
-};
-constexpr VARTYPE kSignatureTypes[] = {VT_I2,   VT_I4,   VT_R4,   VT_R8,   VT_CY,   VT_DATE,    VT_BSTR,  VT_DISPATCH,
-                                       VT_ERROR, VT_BOOL, VT_VARIANT, VT_UNKNOWN, VT_DECIMAL, VT_I1, VT_UI1, VT_UI2,
-                                       VT_UI4,  VT_I8,   VT_UI8,  VT_INT,  VT_UINT, VT_VOID,    VT_HRESULT, VT_LPSTR,
-                                       VT_LPWSTR, VT_RECORD};
-
-// The type a signature's first word names (VT_BYREF stands for VT_DISPATCH), or VT_ILLEGAL.
-VARTYPE TypeOfWord(const std::wstring& word)
-{
-    if (word == L"VT_BYREF")
-        return VT_DISPATCH;
-    for (std::size_t i = 0; i < std::size(kSignatures); ++i) {
-        if (word == kSignatures[i])
-            return kSignatureTypes[i];
-    }
-    return VT_ILLEGAL;
-}
-
-// Type chains print within the limit and read back; some are deeper than a
-// thread's stack has room for frames. Mutated signatures read as their word before the bar.
-void Signatures(TextGenerator& gen)
-{
-    std::vector<TYPEDESC> chain(gen.OneIn(400) ? gen.Between(100000, 300000) : gen.Between(1, 16));
-    const std::size_t row = gen.Below(std::size(kSignatures));
-    chain.front() = {};
-    chain.front().vt = gen.OneIn(2) ? kSignatureTypes[row] : static_cast<VARTYPE>(gen.Word());
-    std::wstring expected = L"VT_BYREF";  // for leaves without a row of their own, pointers and arrays too
-    for (std::size_t i = 0; i < std::size(kSignatures); ++i) {
-        if (kSignatureTypes[i] == chain.front().vt) {
-            expected = kSignatures[i];
-            break;
-        }
-    }
-    for (std::size_t i = 1; i < chain.size(); ++i) {
-        chain[i].vt = gen.OneIn(2) ? VT_PTR : VT_SAFEARRAY;
-        chain[i].lptdesc = &chain[i - 1];
-        expected += chain[i].vt == VT_PTR ? L"|VT_PTR" : L"|VT_ARRAY";
-    }
-    expected.resize(std::min(expected.size(), kSignatureChars - 1));
-    const std::wstring specials(L"|_VTvtIPRA \0", 12);
-    const std::wstring mutated = gen.OneIn(6) ? gen.OddWide(80) : gen.Mutate(expected.substr(0, 60), specials);
-    SCOPED_TRACE(Printable(expected) + " depth " + std::to_string(chain.size()) + " mutated " + Printable(mutated));
-    // Read as a C text, and no further than a signature may go.
-    const std::wstring head = std::wstring(mutated.c_str()).substr(0, kSignatureChars - 1);
-    const VARTYPE word = TypeOfWord(head.substr(0, head.find(L'|')));
-    ExpectNoBlocksLeft([&] {
-        EXPECT_EQ(Wide(TypeSignatureText(&chain.back())), expected);
-        EXPECT_EQ(VarTypeFromSignature(expected.c_str()),
-                  TypeOfWord(expected.substr(0, expected.find(L'|'))) | (chain.size() > 1 ? VT_BYREF : 0));
-        CTypeDesc built;  // without type information: unresolved, with the same signature
-        EXPECT_FALSE(BuildTypeDesc(built, nullptr, &chain.back()));
-        EXPECT_EQ(built.type, MetaTypeObject);
-        EXPECT_EQ(Wide(built.signature), expected);
-        EXPECT_EQ(VarTypeFromSignature(mutated.c_str()),
-                  word == VT_ILLEGAL ? VT_VOID : word | (head.find(L'|') != std::wstring::npos ? VT_BYREF : 0));
-    });
-}
-
-// Made keys split into their name and kind (kinds beyond the four are made as
-// Invoke); any key splits at its first colon into a name and kind that make a
-// key that splits the same.
-void MethodKeys(TextGenerator& gen)
-{
-    static const wchar_t* const kKinds[] = {L"Invoke:", L"Get:", L"Set:", L"Setref:"};
-    static const wchar_t* const kHeads[] = {L"Invoke", L"get", L"SET", L"SetRef", L"", L"Put", L"GetX", L"SetRef "};
-    auto member = [&gen] {
-        std::wstring name = gen.OneIn(3) ? gen.OddWide(40) : gen.From(std::wstring(L"abcXYZ_019:"), 0, 30);
-        return std::wstring(name.append(gen.OneIn(20) ? gen.Between(500, 1000) : 0, L'n').c_str());
-    };
-    const std::wstring name = member();
-    const std::uint32_t madeKind = gen.OneIn(5) ? gen.Word() : static_cast<std::uint32_t>(gen.Below(4));
-    std::wstring key = gen.Pick(kHeads) + (L":" + member());
-    key = (gen.OneIn(2) ? gen.Mutate(key, std::wstring(L": \u0130\u212a\xe9\0", 6)) : key).c_str();
-    SCOPED_TRACE(Printable(name) + " kind " + std::to_string(madeKind) + " key " + Printable(key));
-    const std::size_t colon = key.find(L':');
-    ExpectNoBlocksLeft([&] {
-        CMetaString made, nameOut(kUntouched);
-        MethodKind kind = MethodKindSetRef;
-        MakeMethodKey(made, CMetaString(name.c_str()), static_cast<MethodKind>(madeKind));
-        EXPECT_EQ(Wide(made), kKinds[madeKind < 4 ? madeKind : 0] + name);
-        SplitMethodKey(made, nameOut, kind);
-        EXPECT_EQ(Wide(nameOut), name);
-        EXPECT_EQ(kind, madeKind < 4 ? madeKind : MethodKindInvoke);
-
-        nameOut = CMetaString(kUntouched);
-        kind = MethodKindSetRef;
-        SplitMethodKey(CMetaString(key.c_str()), nameOut, kind);
-        if (colon == std::wstring::npos) {
-            EXPECT_EQ(Wide(nameOut), kUntouched);
-            EXPECT_EQ(kind, MethodKindInvoke);
-            return;
-        }
-        EXPECT_EQ(Wide(nameOut), key.substr(colon + 1));
-        const std::wstring head = key.substr(0, colon);
-        if (std::all_of(head.begin(), head.end(), [](wchar_t c) { return c < 0x80; })) {
-            const std::string lower = Lower(std::string(head.begin(), head.end()));
-            EXPECT_EQ(kind, lower == "get" ? MethodKindGet : lower == "set" ? MethodKindSet
-                            : lower == "setref" ? MethodKindSetRef : MethodKindInvoke);
-        }
-        MakeMethodKey(made, nameOut, kind);  // made keys split back, as above
-        EXPECT_TRUE(key.compare(0, colon + 1, kKinds[kind]) != 0 || Wide(made) == key);
     });
 }
 
@@ -389,7 +275,6 @@ void PrintTo(const Property& property, std::ostream* out) { *out << property.nam
 
 const Property kProperties[] = {
     {"IdentityTexts", 1101, 5600, IdentityTexts}, {"Tags", 2101, 5400, Tags},
-    {"Signatures", 3101, 5500, Signatures},       {"MethodKeys", 4101, 5500, MethodKeys},
     {"MoxTextFormats", 5101, 2100, MoxTextFormats},
 };
 

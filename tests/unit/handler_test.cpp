@@ -72,13 +72,11 @@ TEST(HandlerTest, AttachDetachAndOpen)
     EXPECT_EQ(handler.GetObjectPointer(), &first);
     EXPECT_EQ(handler.identity.GetObjectName(), "First.Object");
 
-    // Open on an open handler creates nothing and answers as OnObjectOpened does.
     handler.openedResult = static_cast<MetaStatus>(42);
     EXPECT_EQ(handler.Open("COM://Second.Object", nullptr), static_cast<MetaStatus>(42));
     EXPECT_EQ(handler.openObjectCalls, 0);
     EXPECT_EQ(handler.identity.GetObjectName(), "First.Object");
 
-    // SetIdentity replaces the identity and leaves the object; detaching forgets without releasing.
     CObjectIdentity bare;
     bare.SetText("no delimiter");
     handler.SetIdentity(bare);
@@ -90,7 +88,6 @@ TEST(HandlerTest, AttachDetachAndOpen)
     EXPECT_EQ(handler.identity.GetText(), "");
     handler.DetachObject();
 
-    // A failed open leaves the handler as it was.
     handler.SetIdentity(bare);
     handler.openedCalls = 0;
     EXPECT_EQ(handler.Open("COM://No.Such.Class", nullptr), MetaStatusNoObject);
@@ -99,7 +96,6 @@ TEST(HandlerTest, AttachDetachAndOpen)
     EXPECT_FALSE(handler.IsOpen());
     EXPECT_EQ(handler.identity.GetText(), "no delimiter");
 
-    // Attached to a closed handler without AddUse, the object stays until CloseObject.
     CMetaObjectCOMHandler closed;
     ASSERT_EQ(closed.Release(), MetaStatusClosed);
     first.AddRef();
@@ -128,7 +124,6 @@ TEST(HandlerTest, AThreadKeepsOnlyErrorTextsThatSaySomething)
         SetErrorTextById(&handler, 2000);
     }
     EXPECT_EQ(map->size(), before);  // the handler's end takes its text
-    // Texts nobody clears stop at the bound, the oldest going first.
     std::vector<std::unique_ptr<CMetaObjectCOMHandler>> handlers;
     for (std::size_t at = 0; at <= kMostThreadErrorTexts; ++at) {
         handlers.push_back(std::make_unique<CMetaObjectCOMHandler>());
@@ -145,7 +140,6 @@ TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
     const auto fault = [] { return static_cast<HRESULT>(*reinterpret_cast<volatile int*>(badAddress)); };
     EXPECT_EQ(ContainFault([] { return S_FALSE; }), S_FALSE);
     EXPECT_EQ(ContainFault(fault), kContainedFault);
-    // Nested: the inner call contains its own fault, and the outer goes on.
     EXPECT_EQ(ContainFault([&] { return ContainFault(fault) == kContainedFault ? S_OK : E_FAIL; }), S_OK);
     EXPECT_EQ(ContainFault([] { return S_OK; }), S_OK);
 }
@@ -225,7 +219,6 @@ TEST(HostEnvironmentTest, ValidOnlyWithContextAndWordsTwentyToTwentyFive)
     EXPECT_TRUE(IsValid(&table));
     EXPECT_FALSE(IsValid(nullptr));
     void** words = reinterpret_cast<void**>(&table);
-    // Words of the host's own and the last two do not count.
     for (int word : {0, 20, 21, 22, 23, 24, 25, 1, 19, 26, 27}) {
         void* kept = words[word];
         words[word] = nullptr;

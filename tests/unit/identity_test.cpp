@@ -13,53 +13,6 @@ using MetaObj::CObjectIdentity;
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-Pairs AttributesOf(const CObjectIdentity& identity)
-{
-    Pairs pairs;
-    for (const auto* attribute : identity.GetAttributes())
-        pairs.emplace_back(attribute->GetName(), attribute->GetValue());
-    return pairs;
-}
-
-TEST(ObjectIdentityTest, ParsesTextsIntoParts)
-{
-    const struct {
-        const char* text;
-        const char* scheme;
-        const char* objectName;
-        const char* baseText;
-        Pairs attributes;
-        bool complete;
-    } rows[] = {
-        {"COM://Sample.Object?Host=alpha?TypeLib=", "COM", "Sample.Object", "COM://Sample.Object",
-         {{"Host", "alpha"}, {"TypeLib", ""}}, true},
-        {"COM://x?a=b=c", "COM", "x", "COM://x", {{"a", "b=c"}}, true},
-        {"COM://x?flag?b=1", "COM", "x", "COM://x", {{"b", "1"}}, true},
-        {"COM://x? Host = alpha ", "COM", "x", "COM://x", {{"Host", "alpha"}}, true},
-        {"COM://x?  =1?\t=2", "COM", "x", "COM://x", {}, true},
-        {"COM://x??a=1?", "COM", "x", "COM://x", {{"a", "1"}}, true},
-        // The first "://" decides, even inside what looks like a value.
-        {"x?Host=a://b", "x?Host=a", "b", "x", {}, true},
-        {"COM://", "COM", "", "COM://", {}, false},
-        {"://name", "", "name", "://name", {}, false},
-        {"COM:/x?a=1", "", "", "", {}, false},
-        {" COM://My Object ", " COM", "My Object ", " COM://My Object ", {}, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
-        CObjectIdentity identity;
-        identity.SetText(row.text);
-        EXPECT_EQ(identity.GetText(), row.text);
-        EXPECT_EQ(identity.GetScheme(), row.scheme);
-        EXPECT_EQ(identity.GetObjectName(), row.objectName);
-        EXPECT_EQ(identity.GetBaseText(), row.baseText);
-        EXPECT_EQ(AttributesOf(identity), row.attributes);
-        EXPECT_EQ(identity.IsComplete(), row.complete);
-    }
-}
-
 TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
 {
     CObjectIdentity identity;
@@ -72,7 +25,6 @@ TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
     ASSERT_NE(identity.GetAttribute("Missing"), nullptr);  // the pointer form never gives null
     EXPECT_STREQ(identity.GetAttribute("Missing"), "");
 
-    // SetText starts from an empty identity.
     for (const char* text : {static_cast<const char*>(nullptr), "", "COM://y"}) {
         identity.SetText("COM://x?a=1");
         identity.SetText(text);
@@ -82,7 +34,6 @@ TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
 
     identity.SetText("COM://x? a = 1 ?flag?a=2");
     identity.SetObjectName("Other.Object");
-    // Dropped pairs stay away, trimmed white space too, duplicates come back in order.
     EXPECT_EQ(identity.GetText(), "COM://Other.Object?a=1?a=2");
     identity.SetScheme("NEW");
     EXPECT_EQ(identity.GetText(), "NEW://Other.Object?a=1?a=2");
@@ -103,7 +54,6 @@ TEST(ComIdentityTest, ConstructorsAndClassIdNames)
         {"Sample?Object", 0, "COM://", false, false},  // refused name: the scheme stays
         {"COM://Sample.Object?Host=alpha", 1, "COM://Sample.Object?Host=alpha", true, false},
         {nullptr, 1, "", false, false},
-        // Thirty-six characters without a dot; the letters are not looked at.
         {"EE09B103-97E0-11CF-978F-00A02463E06F", 0, "COM://EE09B103-97E0-11CF-978F-00A02463E06F", true, true},
         {"not-a-guid-but-thirty-six-characters", 0, "COM://not-a-guid-but-thirty-six-characters", true, true},
         {"{EE09B103-97E0-11CF-978F-00A02463E06F}", 0, "COM://{EE09B103-97E0-11CF-978F-00A02463E06F}", true, false},
@@ -118,7 +68,6 @@ TEST(ComIdentityTest, ConstructorsAndClassIdNames)
         EXPECT_EQ(identity.IsComplete(), row.complete);
         EXPECT_EQ(identity.IsClassIdName(), row.classId);
     }
-    // Scripting.Dictionary's class identifier, without its braces.
     const CLSID classId = {0xEE09B103, 0x97E0, 0x11CF, {0x97, 0x8F, 0x00, 0xA0, 0x24, 0x63, 0xE0, 0x6F}};
     EXPECT_EQ(CCOMIdentity(classId).GetText(), "COM://EE09B103-97E0-11CF-978F-00A02463E06F");
 }

@@ -115,14 +115,12 @@ TEST(LayoutTest, FieldsFollowInTheHostsOrder)
     EXPECT_EQ(AT(handler.lock, section), word);
     EXPECT_EQ(AT(item, omitted) - AT(item, hostFlagOne), 4);  // the five flags are bytes side by side
     EXPECT_EQ(AT(param, isAny) - AT(param, isOptional), 1);
-    // The information record: five texts, then the two icons and the module handle.
     const std::ptrdiff_t infoFields[] = {AT(info, name), AT(info, typeName), AT(info, description),
                                          AT(info, modulePath), AT(info, moduleDirectory), AT(info, smallIcon),
                                          AT(info, standardIcon), AT(info, moduleHandle)};
     EXPECT_EQ(infoFields[0], word);
     for (std::size_t i = 1; i < 8; ++i)
         EXPECT_EQ(infoFields[i] - infoFields[i - 1], i <= 5 ? string : word) << "information field " << i;
-    // A CMetaString is its two pointers, wide then narrow.
     EXPECT_EQ(string, 2 * word);
     CMetaString wide(L"x");
     EXPECT_EQ(*reinterpret_cast<const wchar_t* const*>(&wide), wide.GetWide());

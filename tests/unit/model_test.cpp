@@ -91,7 +91,6 @@ TEST(ItemTest, TextFormsOfEveryClass)
             item->SetValueWide(CMetaString(row.set));
         EXPECT_EQ(ValueOf(*item), row.expected);
     }
-    // The narrow accessors go through the text forms; a host's format travels with a clone.
     CMetaObjectInt item(0);
     item.SetValueNarrow("314");
     MoxText out;
@@ -238,7 +237,6 @@ TEST(ItemTest, ObjectItemsHoldOneUseEachOfASharedHandler)
     EXPECT_EQ(handler.GetUseCount(), start + 1);
     handler.Release();
 
-    // Structs and arrays give back the uses of their object members.
     CMetaObjectObject member;
     member.SetHandler(&handler);
     CItemList list{&member};
@@ -254,7 +252,6 @@ TEST(ItemTest, ObjectItemsHoldOneUseEachOfASharedHandler)
     array.reset();
     EXPECT_EQ(handler.GetUseCount(), start + 1);
 
-    // The value shown is the raw object pointer, or nothing without an object.
     CCountingDispatch object;
     EXPECT_EQ(ValueOf(member), L"");
     handler.AttachObject(&object, "COM://Test.Object");
@@ -328,60 +325,6 @@ TEST(TypeDescTest, CopiesAreDeepAndRefusalsLeaveArgumentsWithTheCaller)
     std::int32_t lower = 12345, count = 12345;
     EXPECT_FALSE(plain.bounds->GetBound(1, &lower, &count));
     EXPECT_EQ(lower + count, 24690);
-}
-
-CObjectInfo* MakeObjectInfo()
-{
-    auto info = new CObjectInfo;
-    info->location = L"C:\\somewhere";
-    info->properties.push_back(new CObjectProperty(L"Name", L"Value", 1));
-    return info;
-}
-
-// The frees share one body, so each takes any record or item, or null.
-TEST(ModelLeakTest, BuildingCopyingAndFreeingGivesBackEveryBlock)
-{
-    CMetaObjectCOMHandler handler;
-    ExpectNoBlocksLeft([&] {
-        for (int round = 0; round < 10; ++round) {
-            CItemList all;
-            for (const auto& entry : AllClasses())
-                all.push_back(entry.second());
-            CMetaObjectStruct record(&all);
-            std::unique_ptr<CMetaObjectItem> copy(record.Clone());
-            for (CMetaObjectItem* item : all) {
-                item->MakeVarParam(L"name", L"scope");
-                CMetaString name, scope;
-                item->ParseVarParam(name, scope);
-                MoxText narrow;
-                item->GetValueNarrow(narrow);
-                delete item;
-            }
-            auto source = MakeNestedType();
-            CTypeDesc typeCopy(*source);
-            typeCopy.Assign(*source);
-            source->Clear();
-        }
-        handler.FreeObjectInfo(MakeObjectInfo());
-        handler.FreeItem(reinterpret_cast<CMetaObjectItem*>(MakeObjectInfo()));
-        auto method = new CMethodInfo;
-        method->returnType = CTypeDesc(MetaTypeStruct, 0, 1);
-        handler.FreeParamInfo(reinterpret_cast<CParamInfo*>(method));
-        auto param = new CParamInfo;
-        param->type = CTypeDesc(MetaTypeEnum, 0, 0);
-        param->type.enumValues->Add(L"A", 1);
-        handler.FreeMethodInfo(reinterpret_cast<CMethodInfo*>(param));
-        handler.FreeItem(new CMetaObjectString);
-        handler.FreeRecordList1(new CItemList(2, nullptr));
-        handler.FreeRecordList2(new CItemList);
-        handler.FreeMethodNameList(new CMethodNameList{CMetaString(L"Get:Count"), CMetaString(L"Invoke:Add")});
-        handler.FreeObjectInfo(nullptr);
-        handler.FreeItem(nullptr);
-        handler.FreeParamInfo(nullptr);
-        handler.FreeMethodInfo(nullptr);
-        handler.FreeRecordList3(nullptr);
-        handler.FreeMethodNameList(nullptr);
-    });
 }
 
 }  // namespace

@@ -144,7 +144,6 @@ TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
     upper.AssignText("ABC");
     EXPECT_TRUE(abc.Equals(upper));
     EXPECT_FALSE(abc.EqualsCase(upper, 1));
-    // The host's folding table, at its corners.
     EXPECT_EQ(kUpperCaseTable['a'], static_cast<std::uint32_t>('A'));
     EXPECT_EQ(kUpperCaseTable['{'], static_cast<std::uint32_t>('{'));
     EXPECT_EQ(kUpperCaseTable[224], 192u);

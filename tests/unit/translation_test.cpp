@@ -166,7 +166,6 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
         {"null object tag in small letters wins over the type", {Int, 3, L"VT_I4", 0, NullTag}, VT_NULL, L""},
         {"omitted optional wins over everything", {Int, 3, L"VT_I8", 0, Optional | Omitted}, VT_ERROR, L"-2147352572"},
         {"omitted but not optional goes by the table", {Int, 3, L"VT_I8", 0, Omitted}, VT_ILLEGAL, nullptr},
-        // By reference: cells.
         {"byte cell", {Char, 'A', L"VT_UI1|VT_PTR", 1}, VT_UI1 | VT_BYREF, L"65"},
         {"double cell", {Real, 0.25, L"VT_R8|VT_BYREF", 1}, VT_R8 | VT_BYREF, L"0.250000"},
         {"empty text gives a null BSTR in its cell", {Text, 0, L"VT_BSTR|VT_PTR", 1}, VT_BSTR | VT_BYREF, L"(null)"},
@@ -279,7 +278,6 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         ASSERT_EQ(out.Get().vt, VT_ARRAY | row.type);
         CVariant element;
         LONG index = 0;
-        // A cell of the element's type, read as a by-reference VARIANT would hold it.
         VARIANT cell{};
         ASSERT_EQ(SafeArrayGetElement(out.Get().parray, &index, row.type == VT_VARIANT ? static_cast<void*>(&element.Get())
                                                                                        : &element.Get().llVal), S_OK);
@@ -310,7 +308,6 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
         {VT_CY, [](VARIANT& v) { v.cyVal.int64 = 125000; }, "Currency", L"12.5"},
         {VT_VARIANT, [](VARIANT& v) { v.vt = VT_I4; v.lVal = 8; }, "Int", L"8"},
         {VT_VARIANT, [](VARIANT& v) { v.vt = VT_BSTR; v.bstrVal = SysAllocString(L"in"); }, "String", L"in"},
-        // An empty VARIANT is what the call makes of an empty result anywhere.
         {VT_VARIANT, [](VARIANT&) {}, "Void", L""},
     };
     for (const auto& row : rows) {

@@ -111,7 +111,6 @@ TEST(TypeLibraryTest, CollectsTheInterfacesOfAClassOrTheInterfaceNamed)
     ASSERT_EQ(CollectTypeInfos("Scripting.Dictionary", list, nullptr), 1u);
     EXPECT_EQ(NameOf(list.front().Get()), "IDictionary");
 
-    // The interface's own identifier, with the library named by the attribute.
     TYPEATTR* attributes = nullptr;
     ASSERT_TRUE(SUCCEEDED(list.front()->GetTypeAttr(&attributes)));
     char* iidText = nullptr;
@@ -122,7 +121,6 @@ TEST(TypeLibraryTest, CollectsTheInterfacesOfAClassOrTheInterfaceNamed)
     delete[] iidText;
     EXPECT_EQ(NameOf(direct.front().Get()), "IDictionary");
 
-    // The attribute wins over the class's own registration.
     CTypeInfoList elsewhere;
     EXPECT_EQ(CollectTypeInfos("Scripting.Dictionary", elsewhere, kStdOleLibrary), 0u);
     EXPECT_EQ(CollectTypeInfos("Not.Registered", elsewhere, nullptr), 0u);

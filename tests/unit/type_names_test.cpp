@@ -48,7 +48,6 @@ TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
 
 TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
 {
-    // Type words in any case; the signature reads back where it has a row.
     const struct {
         const wchar_t* word;
         bool byRef;

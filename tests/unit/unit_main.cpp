@@ -14,7 +14,6 @@ int main(int argc, char** argv)
     if (CoInitializeEx(nullptr, COINIT_MULTITHREADED) != S_OK)
         return 1;
     MetaObj::ErrorTextProcessAttach();
-    // The string table is linked into this program.
     HandlerInfo().LoadFromModule(GetModuleHandleA(nullptr));
     const int result = RUN_ALL_TESTS();
     MetaObj::ErrorTextProcessDetach();
