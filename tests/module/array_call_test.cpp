@@ -67,33 +67,6 @@ std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, 
 using ArrayCallTest = CallTest;
 constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
 
-// Element values name their indices, so each row also proves the order.
-TEST_F(ArrayCallTest, ArraysVBScriptBuildsComeWithTheirShape)
-{
-    WithScript(L"Function Two()\n"
-               L"  Dim a(1, 2)\n"
-               L"  For i = 0 To 1 : For j = 0 To 2 : a(i, j) = i * 10 + j : Next : Next\n"
-               L"  Two = a\n"
-               L"End Function\n",
-               [&](CMetaObjectCOMHandler& control) {
-                   const struct {
-                       const wchar_t* expression;
-                       Bounds bounds;
-                       std::vector<std::string> texts;  // in the order of the walk
-                   } rows[] = {
-                       {L"Two()", {{0, 2}, {0, 3}}, {"0", "1", "2", "10", "11", "12"}},
-                       {L"Array(1, \"two\", 3.5)", {{0, 3}}, {"1", "two", "3.500000"}},
-                       {L"Array()", {{0, 0}}, {}},  // one dimension of no elements: upper bound -1
-                   };
-                   for (const auto& row : rows) {
-                       SCOPED_TRACE(Narrow(CMetaString(row.expression)));
-                       const Outcome got = Eval(control, row.expression);
-                       ASSERT_EQ(got.status, MetaStatusOk);
-                       EXPECT_EQ(BoundsOf(*got.result), row.bounds);
-                       EXPECT_EQ(Texts(got.result.get()), row.texts);
-                   }
-               });
-}
 
 // Wine's Dictionary doesn't keep arrays of objects intact, so objects go
 // through a VBScript class: out in a VARIANT array, back in one it builds.
