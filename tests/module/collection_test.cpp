@@ -64,20 +64,9 @@ Batch Next(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t co
 
 class CollectionTest : public CallTest {
 protected:
-    // The body gets an open handler on a new collection maker.
     void WithMaker(const std::function<void(CMetaObjectCOMHandler&)>& body)
     {
-        const long before = server.LiveObjects();
-        RunInitialised([&] {
-            auto* maker = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-            EXPECT_EQ(maker->Open((std::string("COM://") + kProgIdNarrow).c_str(), nullptr), MetaStatusOk);
-            if (maker->IsOpen())
-                body(*maker);
-            EXPECT_EQ(maker->Release(), MetaStatusClosed);
-            host.FreeReleasedHandlers(module->FreeHandlerObject);
-            EXPECT_TRUE(host.Registrations().empty()) << "a handler still in use";
-        });
-        EXPECT_EQ(server.LiveObjects(), before);
+        WithObject(std::string("COM://") + kProgIdNarrow, body);
     }
 
     // A collection of the maker's, as the object item of a call's result.
@@ -229,14 +218,11 @@ TEST_F(CollectionTest, CountingAndElementsAsItems)
         {"a count that is a text: walked", kCountText, 600, 600, 5, 1, "[1]"},
         {"a negative count: walked", kCountNegative, 600, 600, 5, 1, "[1]"},
         {"neither the property nor a copy", kNoCount | kNoClone, 600, 0, 1, 1, "[1]"},
-        // 3 a call with S_OK, even the last that gives nothing: the walk stops there.
         {"fewer than asked with S_OK", kNoCount | kShortBatches, 20, 20, 10, 1, "[1]"},
         {"fewer than asked with S_OK, as items", kShortBatches, 7, 7, 0, 10, "[1 2 3][4 5 6]"},
         {"no fetched count", kNoCount | kNoFetched, 600, 600, 5, 1, "[1]"},
         {"no fetched count, as items", kNoFetched, 6, 6, 0, 4, "[1 2 3 4][5]"},
         {"a copy that fails at once", kNoCount | kFailMidWalk, 600, 0, 3, 1, "[1]"},
-        // VT_I8 and VT_RECORD give items of their kind with a default value;
-        // VT_EMPTY gives none and is dropped: a batch of nothing is not yet the end.
         {"empty elements are counted by a fetched count", kNoCount | kOddTypes, 9, 9, 3, 1, "[0]"},
         {"odd types", kOddTypes, 8, 8, 0, 8, "[0 struct 4 0 struct]"},
         {"odd types one by one", kOddTypes, 4, 4, 0, 1, "[0][][struct]"},
@@ -316,6 +302,5 @@ TEST_F(CollectionTest, ObjectElementsHoldOneReferenceAndAnIdentity)
         }
     });
 }
-
 
 }  // namespace
