@@ -1,6 +1,4 @@
-// Walking collections through the module's handler, as a host walks them: a
-// slot of the caller's, the six operations, and the elements as items. The
-// collection fixture misbehaves as its flags ask.
+// Walking collections as a host does; the collection fixture misbehaves as its flags ask.
 
 #include <windows.h>
 #include <oleauto.h>
@@ -23,7 +21,6 @@ struct Batch {
     MetaStatus status = MetaStatusOk;
     std::uint32_t fetched = 0xDEADBEEF;
     std::vector<Result> items;
-    // Int items by value, other kinds by a word.
     std::string Text() const
     {
         std::string text;
@@ -69,7 +66,6 @@ protected:
         WithObject(std::string("COM://") + kProgIdNarrow, body);
     }
 
-    // A collection of the maker's, as the object item of a call's result.
     Result Make(CMetaObjectCOMHandler& maker, std::int32_t flags, std::int32_t size)
     {
         Param flagsItem = Int(flags), sizeItem = Int(size);
@@ -131,8 +127,7 @@ TEST_F(CollectionTest, SlotsEmptyOpenAgainOfOtherHandlersAndOutlivingTheirs)
         EXPECT_EQ(handler.ResetEnumerator(nullptr), MetaStatusNoCollection);
         EXPECT_EQ(number, 77u);
 
-        // Two slots keep their own places; a slot that holds an enumerator is
-        // opened again without a call and keeps its place.
+        // Slots keep their own places; opening a held slot again makes no call.
         IEnumVARIANT* first = nullptr;
         IEnumVARIANT* second = nullptr;
         ASSERT_EQ(handler.OpenEnumerator(&first), MetaStatusOk);
@@ -145,8 +140,7 @@ TEST_F(CollectionTest, SlotsEmptyOpenAgainOfOtherHandlersAndOutlivingTheirs)
         EXPECT_EQ(ReadNumber(handler, 3), 2);
         EXPECT_EQ(RefCount(first), 1u);
 
-        // A handler without an object opens and counts nothing, and leaves the
-        // slot alone; the slot is not tied to its handler: this one walks it.
+        // A handler without an object opens nothing but walks another's slot.
         auto* bare = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         EXPECT_EQ(bare->OpenEnumerator(&first), MetaStatusNoCollection);
         EXPECT_EQ(first, held);
@@ -199,8 +193,7 @@ TEST_F(CollectionTest, StatusesOfResetSkipAndNext)
     });
 }
 
-// Counting by the property or by walking a copy, which leaves the slot where
-// it was, after its first element; then the next batches as items.
+// Counting by the property or by walking a copy, which leaves the slot where it was.
 TEST_F(CollectionTest, CountingAndElementsAsItems)
 {
     const struct {

@@ -1,7 +1,4 @@
-// Hostile input through the module's exports, as a host passes it: texts,
-// keys, tags and items a script may pass, and servers
-// that break the rules. Every scenario ends with the fixture's objects and the
-// host's handlers back where they started.
+// Hostile input from scripts and from servers that break the rules.
 
 #include <gtest/gtest.h>
 
@@ -22,7 +19,6 @@ namespace {
 
 const std::string kFixture = std::string("COM://") + FixtureValues::kProgIdNarrow;
 const std::string kHostile = std::string("COM://") + HostileValues::kProgIdNarrow;
-// The call fixture's class identifier without braces.
 const std::string kClassIdName = std::string(FixtureValues::kClassId).substr(1, 36);
 
 class HostileTest : public CallTest {
@@ -121,9 +117,7 @@ TEST_F(HostileTest, CutTagTextsTravelWithTheirItems)
     });
 }
 
-// Keys and items a script may pass. A key that names no member fails the call
-// and leaves the record alone; an item whose signature has no translation
-// never reaches Invoke; a value the enumeration can't take is refused.
+// A key naming no member leaves the record alone; an untranslatable item never reaches Invoke.
 TEST_F(HostileTest, KeysAndItemsThatDontFit)
 {
     struct Row {
@@ -217,9 +211,7 @@ std::string Kind(const CMetaObjectItem* item)
     return dynamic_cast<const CMetaObjectArray*>(item) ? "array" : "other";
 }
 
-// A failing server that leaves 0xdeadbeef in its out cells: the call fails
-// with no write-back, nothing left there is freed or read, and an object the
-// server did not release keeps the reference it lost (put back by hand).
+// 0xdeadbeef left in out cells by a failing server is never freed nor read.
 TEST_F(HostileTest, GarbageInOutCellsOnFailure)
 {
     struct Row {

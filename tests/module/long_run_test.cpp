@@ -27,8 +27,7 @@ using namespace MetaObj;
 
 namespace {
 
-// Wine's worker threads come and go with their handles, and a few blocks with
-// the timing, untraced; a leak of one block a round of 1,000 operations shows.
+// Wine's worker threads come and go with a few handles and blocks.
 constexpr long kBlockDrift = 8;
 constexpr DWORD kHandleDrift = 4;
 
@@ -54,7 +53,6 @@ std::vector<Param> Params(Made... made)
     return list;
 }
 
-// The engine's sequence is fixed by the standard, so a round can be replayed.
 using Mix = std::minstd_rand;
 std::uint32_t Below(Mix& mix, std::uint32_t bound)
 {
@@ -80,8 +78,6 @@ protected:
         module->SetEnvironment(host.Table());
     }
 
-    // Rounds of work; the figures after the rounds past settle stay within
-    // the drifts of those after round settle. Handles are watched if asked.
     void Rounds(int rounds, int settle, const std::function<void()>& round, bool handles)
     {
         long settledBlocks = 0;
@@ -122,8 +118,7 @@ protected:
     void (*setErrorText)(const CMetaObjectHandler*, const char*) = nullptr;
 };
 
-// Mixed operations, chosen by an engine with a fixed seed, on a few handlers
-// kept open across operations, and on objects of the platform.
+// Mixed operations chosen with a fixed seed, on a few handlers kept open.
 class LongRunTest : public StressTest {
 protected:
     struct Step {
@@ -131,7 +126,6 @@ protected:
         std::function<void(Mix&)> run;
     };
 
-    // An open handler of the identity, opened when none is; a full set loses one first.
     CMetaObjectCOMHandler& Some(const std::string& identity, Mix& mix, bool fresh = false,
                                 CObjectOpenParams* params = nullptr)
     {
@@ -157,8 +151,6 @@ protected:
         open.erase(at);
     }
 
-    // Counts the elements, then walks them in batches after a skip, freeing
-    // each batch; the count walked. Elements of the collection fixture tell their index.
     std::uint32_t Walk(CMetaObjectCOMHandler& collection, std::uint32_t skip, std::uint32_t batch, std::uint32_t count)
     {
         IEnumVARIANT* slot = nullptr;
@@ -184,9 +176,6 @@ protected:
         return walked;
     }
 
-    // A call on an open call fixture: every kind of argument and result, by
-    // reference, out, objects, records, failures of the server. Their values
-    // are the call tests' matter; here every round gives back what it took.
     void CallRow(Mix& mix)
     {
         enum Expect { kOk, kFails, kEither };
@@ -204,7 +193,6 @@ protected:
             {L"Invoke:RefI4", [] { return Params(ByRef(Int(41), kInOut)); }, kOk},
             {L"Invoke:OutR8", [] { return Params(ByRef(Real(0), kOut)); }, kOk},
             {L"Invoke:RefVariant", [] { return Params(ByRef(Text(L"abc", L"VT_VARIANT"), kInOut)); }, kOk},
-            // The object goes in by reference and a new child comes back in its place.
             {L"Invoke:RefDispatch", [&] { return Params(ByRef(ObjectItem(witnessed), kInOut)); }, kOk},
             {L"Invoke:EchoDispatch", [&] { return Params(ObjectItem(witnessed)); }, kOk},
             {L"Invoke:OutDispatch", [&] { return Params(ByRef(ObjectItem(nullptr), kOut)); }, kOk},
@@ -304,8 +292,7 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
                 CoUninitialize();
             });
         };
-        // Each step a few times first, so that the platform's caches (type
-        // libraries, the apartment's threads) are made before anything is counted.
+        // Each step a few times first, so the platform's caches exist before counting.
         pass(static_cast<int>(20 * steps.size()), [](int operation) { return operation / 20; });
         Rounds(10, 2, [&] {
             pass(1000, [&](int) {
@@ -322,8 +309,7 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
         RevokeActiveObject(cookie, nullptr);
     });
 }
-// A call made without gtest, whose assertions aren't made for threads: the
-// status, and the result given back through the handler.
+// A call without gtest, whose assertions aren't made for threads.
 struct QuietResult {
     MetaStatus status = MetaStatusNoMemory;
     CMetaObjectItem* item = nullptr;
@@ -350,10 +336,7 @@ struct QuietResult {
     }
 };
 
-// The host's threads, all at once: uses raced on one handler, calls on one
-// free-threaded object, an enumerator slot each on one collection, and error
-// texts that stay with their thread. Threads note what they saw; the test
-// thread judges it.
+// Uses raced on one handler, one free-threaded object, a slot each, error texts per thread.
 TEST_F(StressTest, EightHostThreadsAtOnce)
 {
     constexpr int kThreads = 8;
