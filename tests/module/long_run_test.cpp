@@ -187,9 +187,7 @@ protected:
             Expect expect;
         } rows[] = {
             {L"Invoke:EchoBstr", [&] { return Params(Text(std::to_wstring(number()).c_str())); }, kOk},
-            {L"Invoke:Four", [&] { return Params(Int(number()), Text(L"abc"), Real(2.5), Bool(1)); }, kOk},
             {L"Set:Cell", [&] { return Params(Int(number()), Int(7), Int(number())); }, kOk},
-            {L"Invoke:EchoCy", [] { return Params(Currency(L"12.5")); }, kOk},
             {L"Invoke:RefI4", [] { return Params(ByRef(Int(41), kInOut)); }, kOk},
             {L"Invoke:OutR8", [] { return Params(ByRef(Real(0), kOut)); }, kOk},
             {L"Invoke:RefVariant", [] { return Params(ByRef(Text(L"abc", L"VT_VARIANT"), kInOut)); }, kOk},
@@ -197,7 +195,6 @@ protected:
             {L"Invoke:EchoDispatch", [&] { return Params(ObjectItem(witnessed)); }, kOk},
             {L"Invoke:OutDispatch", [&] { return Params(ByRef(ObjectItem(nullptr), kOut)); }, kOk},
             {L"Invoke:SumPoint", [&] { return Params(Point(number(), 4)); }, kOk},
-            {L"Invoke:MakePoint", [&] { return Params(Int(number()), Int(5)); }, kOk},
             {L"Invoke:FailWithGarbage", [] { return Params(ByRef(Int(11), kOut), ByRef(Real(2.5), kOut)); }, kFails},
             {L"Invoke:Throw", [] { return Params(); }, kFails},
             {L"Invoke:NoSuchMember", [] { return Params(); }, kFails},
