@@ -1,6 +1,4 @@
-// Walking collections through the module's handler, as a host walks them: a
-// slot of the caller's, the six operations, and the elements as items. The
-// collection fixture misbehaves as its flags ask.
+// Walking collections as a host does; the collection fixture misbehaves as its flags ask.
 
 #include <windows.h>
 #include <oleauto.h>
@@ -23,7 +21,6 @@ struct Batch {
     MetaStatus status = MetaStatusOk;
     std::uint32_t fetched = 0xDEADBEEF;
     std::vector<Result> items;
-    // Int items by value, other kinds by a word.
     std::string Text() const
     {
         std::string text;
@@ -64,23 +61,11 @@ Batch Next(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t co
 
 class CollectionTest : public CallTest {
 protected:
-    // The body gets an open handler on a new collection maker.
     void WithMaker(const std::function<void(CMetaObjectCOMHandler&)>& body)
     {
-        const long before = server.LiveObjects();
-        RunInitialised([&] {
-            auto* maker = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-            EXPECT_EQ(maker->Open((std::string("COM://") + kProgIdNarrow).c_str(), nullptr), MetaStatusOk);
-            if (maker->IsOpen())
-                body(*maker);
-            EXPECT_EQ(maker->Release(), MetaStatusClosed);
-            host.FreeReleasedHandlers(module->FreeHandlerObject);
-            EXPECT_TRUE(host.Registrations().empty()) << "a handler still in use";
-        });
-        EXPECT_EQ(server.LiveObjects(), before);
+        WithObject(std::string("COM://") + kProgIdNarrow, body);
     }
 
-    // A collection of the maker's, as the object item of a call's result.
     Result Make(CMetaObjectCOMHandler& maker, std::int32_t flags, std::int32_t size)
     {
         Param flagsItem = Int(flags), sizeItem = Int(size);
@@ -142,8 +127,7 @@ TEST_F(CollectionTest, SlotsEmptyOpenAgainOfOtherHandlersAndOutlivingTheirs)
         EXPECT_EQ(handler.ResetEnumerator(nullptr), MetaStatusNoCollection);
         EXPECT_EQ(number, 77u);
 
-        // Two slots keep their own places; a slot that holds an enumerator is
-        // opened again without a call and keeps its place.
+        // Slots keep their own places; opening a held slot again makes no call.
         IEnumVARIANT* first = nullptr;
         IEnumVARIANT* second = nullptr;
         ASSERT_EQ(handler.OpenEnumerator(&first), MetaStatusOk);
@@ -156,8 +140,7 @@ TEST_F(CollectionTest, SlotsEmptyOpenAgainOfOtherHandlersAndOutlivingTheirs)
         EXPECT_EQ(ReadNumber(handler, 3), 2);
         EXPECT_EQ(RefCount(first), 1u);
 
-        // A handler without an object opens and counts nothing, and leaves the
-        // slot alone; the slot is not tied to its handler: this one walks it.
+        // A handler without an object opens nothing but walks another's slot.
         auto* bare = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         EXPECT_EQ(bare->OpenEnumerator(&first), MetaStatusNoCollection);
         EXPECT_EQ(first, held);
@@ -210,8 +193,7 @@ TEST_F(CollectionTest, StatusesOfResetSkipAndNext)
     });
 }
 
-// Counting by the property or by walking a copy, which leaves the slot where
-// it was, after its first element; then the next batches as items.
+// Counting by the property or by walking a copy, which leaves the slot where it was.
 TEST_F(CollectionTest, CountingAndElementsAsItems)
 {
     const struct {
@@ -229,14 +211,11 @@ TEST_F(CollectionTest, CountingAndElementsAsItems)
         {"a count that is a text: walked", kCountText, 600, 600, 5, 1, "[1]"},
         {"a negative count: walked", kCountNegative, 600, 600, 5, 1, "[1]"},
         {"neither the property nor a copy", kNoCount | kNoClone, 600, 0, 1, 1, "[1]"},
-        // 3 a call with S_OK, even the last that gives nothing: the walk stops there.
         {"fewer than asked with S_OK", kNoCount | kShortBatches, 20, 20, 10, 1, "[1]"},
         {"fewer than asked with S_OK, as items", kShortBatches, 7, 7, 0, 10, "[1 2 3][4 5 6]"},
         {"no fetched count", kNoCount | kNoFetched, 600, 600, 5, 1, "[1]"},
         {"no fetched count, as items", kNoFetched, 6, 6, 0, 4, "[1 2 3 4][5]"},
         {"a copy that fails at once", kNoCount | kFailMidWalk, 600, 0, 3, 1, "[1]"},
-        // VT_I8 and VT_RECORD give items of their kind with a default value;
-        // VT_EMPTY gives none and is dropped: a batch of nothing is not yet the end.
         {"empty elements are counted by a fetched count", kNoCount | kOddTypes, 9, 9, 3, 1, "[0]"},
         {"odd types", kOddTypes, 8, 8, 0, 8, "[0 struct 4 0 struct]"},
         {"odd types one by one", kOddTypes, 4, 4, 0, 1, "[0][][struct]"},
@@ -316,6 +295,5 @@ TEST_F(CollectionTest, ObjectElementsHoldOneReferenceAndAnIdentity)
         }
     });
 }
-
 
 }  // namespace
