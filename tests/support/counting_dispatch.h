@@ -1,7 +1,6 @@
 #pragma once
-// An IDispatch that counts its references and is never deleted by them, so a
-// test can read the count after the code under test has let go of it. It also
-// counts the names it is asked for, and knows one: "Known", at id 7.
+// An IDispatch that counts its references (and is never deleted by them) and the names it is
+// asked for; it knows one: "Known", at id 7.
 
 #include <windows.h>
 #include <oaidl.h>
@@ -13,15 +12,11 @@ public:
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
-        if (out == nullptr)
-            return E_POINTER;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch)) {
-            *out = static_cast<IDispatch*>(this);
+        const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch);
+        *out = known ? static_cast<IDispatch*>(this) : nullptr;
+        if (known)
             AddRef();
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
+        return known ? S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&references); }
     ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&references); }
@@ -45,7 +40,6 @@ public:
     }
 
 private:
-    // Starts at one: the reference its creator holds.
-    volatile LONG references = 1;
+    volatile LONG references = 1;  // its creator's
     volatile LONG nameLookups = 0;
 };

@@ -1,7 +1,6 @@
 #pragma once
-// Replaces one imported function of a loaded module with another, through the
-// module's import address table, and puts it back at the end of the scope.
-// For platform calls that can't act here: a test records what reaches them.
+// Replaces one imported function of a loaded module through its import address table, for
+// the scope, so a test records what reaches a platform call that can't act here.
 
 #include <windows.h>
 
@@ -45,7 +44,6 @@ public:
     ImportPatch& operator=(const ImportPatch&) = delete;
 
     bool Applied() const { return slot != nullptr; }
-    void* Original() const { return original; }
 
 private:
     void Write(void* value)

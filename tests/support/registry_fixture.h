@@ -6,7 +6,6 @@
 #include <objbase.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -16,11 +15,9 @@ public:
     {
         GUID guid;
         CoCreateGuid(&guid);
-        char text[64];
-        std::snprintf(text, sizeof text, "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
-                      static_cast<unsigned long>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
-                      guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
-        braced = text;
+        wchar_t text[40] = {};
+        StringFromGUID2(guid, text, 40);
+        braced.assign(text, text + 38);  // the braced form is ASCII
         bare = braced.substr(1, 36);
         classKey = "CLSID\\" + braced;
         Write(classKey, nullptr, "");
@@ -33,8 +30,7 @@ public:
     ScratchClass(const ScratchClass&) = delete;
     ScratchClass& operator=(const ScratchClass&) = delete;
 
-    // Writes a value (null name: the default) under a path below HKEY_CLASSES_ROOT.
-    // Paths outside the class key are removed at the end as well.
+    // Writes a value (null name: the default) below HKEY_CLASSES_ROOT; its tree goes at the end.
     void Write(const std::string& path, const char* name, const std::string& value, DWORD type = REG_SZ)
     {
         HKEY key = nullptr;
@@ -44,7 +40,6 @@ public:
         RegSetValueExA(key, name, 0, type, reinterpret_cast<const BYTE*>(value.c_str()),
                        static_cast<DWORD>(value.size() + 1));
         RegCloseKey(key);
-        // What goes at the end is the tree of the path's first two parts, such as CLSID\{...}.
         const std::size_t first = path.find('\\');
         const std::string top = first == std::string::npos ? path : path.substr(0, path.find('\\', first + 1));
         if (std::find(written.begin(), written.end(), top) == written.end())

@@ -1,5 +1,4 @@
-// The module's code linked straight into a program: this sets up what the
-// module's entry points would, with the program standing in for the module.
+// The module's code linked into a program: this sets up what the module's entry points would.
 
 #include <gtest/gtest.h>
 
