@@ -282,11 +282,7 @@ TEST(TypeLibraryTest, CollectsTheInterfaceNamed)
 {
     const char kDictionaryIid[] = "{42C642C1-97E1-11CF-978F-00A02463E06F}";
     CTypeInfoList list;
-    ASSERT_EQ(CollectTypeInfos(kDictionaryIid, list, kScriptingLibrary), 1u);
-    TYPEATTR* attributes = nullptr;
-    ASSERT_TRUE(SUCCEEDED(list.front()->GetTypeAttr(&attributes)));
-    EXPECT_EQ(attributes->typekind, TKIND_DISPATCH);
-    list.front()->ReleaseTypeAttr(attributes);
+    EXPECT_EQ(CollectTypeInfos(kDictionaryIid, list, kScriptingLibrary), 1u);
     for (const char* name : {"Scripting.Dictionary", "Not.Registered", static_cast<const char*>(nullptr)}) {
         CTypeInfoList none;
         EXPECT_EQ(CollectTypeInfos(name, none, name ? kStdOleLibrary : nullptr), 0u) << (name ? name : "null");
@@ -307,7 +303,8 @@ TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
     EXPECT_EQ(identity.GetText(), "");
     EXPECT_TRUE(identity.GetAttributes().empty());
 
-    identity.SetText("COM://Other.Object?a=1");
+    identity.SetText("COM://x? a = 1 ?flag");
+    identity.SetObjectName("Other.Object");  // prints the parts again: blank ends go, and a name without a value
     for (const char* refused : {"a=b", "a?b", "a://b"}) {  // parts with delimiters are refused silently
         SCOPED_TRACE(refused);
         identity.SetObjectName(refused);
@@ -614,11 +611,7 @@ TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
     EXPECT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 0u);
 
     RegisterLibrary(registration, "1.0", ServerPath());
-    ASSERT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 3u);
-    TYPEATTR* attributes = nullptr;
-    ASSERT_TRUE(SUCCEEDED(list.back()->GetTypeAttr(&attributes)));
-    EXPECT_EQ(attributes->typekind, TKIND_INTERFACE);
-    list.back()->ReleaseTypeAttr(attributes);
+    EXPECT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 3u);  // IOther's too
 }
 
 // Versions are hexadecimal, weighed as major + minor / 100; only the pick (1.0 to load) is loaded.
@@ -693,11 +686,7 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
         EXPECT_EQ(Text(signature), row.signature ? row.signature : L"untouched");
         EXPECT_EQ(VarTypeFromSignature(signature.GetWide()), row.readBack);
     }
-    const struct {
-        const wchar_t* key;
-        MethodKind kind;
-        const wchar_t* name;  // "kept" when untouched
-    } rows[] = {
+    const struct { const wchar_t* key; MethodKind kind; const wchar_t* name; } rows[] = {  // "kept" when untouched
         {L"GET:Name", MethodKindGet, L"Name"},  {L"Set:", MethodKindSet, L""},          {L"Call:A:B", MethodKindInvoke, L"A:B"},
         {L"NoColon", MethodKindInvoke, L"kept"}, {L"Gets:Name", MethodKindInvoke, L"Name"},
     };
