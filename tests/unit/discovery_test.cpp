@@ -336,8 +336,7 @@ TEST(ComIdentityTest, ConstructorsAndClassIdNames)
     EXPECT_EQ(CCOMIdentity(classId).GetText(), "COM://EE09B103-97E0-11CF-978F-00A02463E06F");
 }
 
-// How a class factory is asked: a server named (context 16, else 23) and credentials from the
-// identity's attributes before the host's defaults.
+// A class factory's server (context 16, else 23) and credentials: attributes before the host's defaults.
 std::wstring Units(const USHORT* text, ULONG length)
 {
     return text ? std::wstring(reinterpret_cast<const wchar_t*>(text), length) : std::wstring(L"(null)");
@@ -582,13 +581,11 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
     EXPECT_EQ(Narrow(holder->type.structBody->members.back()->memberName), "weight");
 }
 
-const char kClassKey[] = "CLSID\\{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20}";
-
 // The fixture class registered with our server file and no "TypeLib" entry.
 TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
 {
     ScratchClass registration;
-    registration.Write(std::string(kClassKey) + "\\InprocServer32", nullptr, ServerPath());
+    registration.Write("CLSID\\{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20}\\InprocServer32", nullptr, ServerPath());
     const CCOMIdentity identity("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", 0);
 
     GUID libraryId;
@@ -781,8 +778,7 @@ TEST(TypeDescShapesTest, PlainPointerAndArrayTypes)
     EXPECT_EQ(out.type, MetaTypeObject);
 }
 
-// Types that refer to each other in a circle, as a type library may make them: an alias of
-// itself, and two structs that hold each other. Built in memory, since no compiler writes them.
+// An alias of itself and two structs that hold each other, built in memory since no compiler writes them.
 TEST(TypeDescCircles, ACircleOfTypesEndsUnresolvedInsteadOfRecursing)
 {
     wchar_t directory[MAX_PATH];

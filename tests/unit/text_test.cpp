@@ -119,8 +119,6 @@ TEST(MetaStringTest, CompareFollowsThePointerRulesThenTheTexts)
     }
 }
 
-std::string TextOf(const MoxText& text) { return text.GetText(); }
-
 TEST(MoxDataTest, ReserveGrowsByTheGrainOfTheOldCapacityAndShrinksOnlyWithSlack)
 {
     const struct { std::uint32_t capacity, length, request, expectedCapacity, expectedLength; } rows[] = {
@@ -196,7 +194,7 @@ TEST(MoxTextTest, KeepsItsTerminatorInsideTheLength)
     MoxText copy;
     copy.AssignText("xyz");
     MoxText second(copy);
-    EXPECT_EQ(TextOf(second), "xyz");
+    EXPECT_EQ(std::string(second.GetText()), "xyz");
     char out[3];
     EXPECT_EQ(copy.Read(out, sizeof out), 2u);  // a full target loses its last byte to the NUL
     EXPECT_STREQ(out, "xy");
@@ -228,7 +226,7 @@ TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
         case Nth2: text.ReplaceNth(find, replacement, 2, row.exact); break;
         case Nth4: text.ReplaceNth(find, replacement, 4, row.exact); break;
         }
-        EXPECT_EQ(TextOf(text), row.expected);
+        EXPECT_EQ(std::string(text.GetText()), row.expected);
     }
 
     MoxText abc;
@@ -258,8 +256,7 @@ TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
     EXPECT_EQ(FindTextNoCase(nullptr, "a"), nullptr);
 }
 
-// Generated input for the parsers the host's texts reach; every case must leave no heap block behind.
-// A seeded generator per case, from the property's seed and the case's index, so a failing case runs alone.
+// Generated input, every case leaving no heap block: a generator per case (seed, index) lets one run alone.
 class TextGenerator {
 public:
     TextGenerator(std::uint32_t seed, std::uint32_t caseIndex)
@@ -339,8 +336,7 @@ std::string Compose(const Parts& parts)
     return text;
 }
 
-// Composed texts (parts that parse back as they are) parse into their parts;
-// mutated ones split as documented; parse then print prints and parses the same.
+// Composed texts parse into their parts; mutated ones split as documented and print back the same.
 void IdentityTexts(TextGenerator& gen)
 {
     Parts parts{gen.OneIn(3) ? "COM" : gen.From(std::string("COMcomX09+-._ :/?=\xe9"), 0, 12),
@@ -410,8 +406,7 @@ void AppendFormatted(MoxText& text, const char* format, ...)
     va_end(args);
 }
 
-// Formats replace or follow the text before them, cut at the limit per call; the text
-// appended to itself reads its source from the storage that the append may move.
+// Formats replace or follow the text, cut per call; appended to itself, it reads storage the append may move.
 void MoxTextFormats(TextGenerator& gen)
 {
     static const char* const kTextConversions[] = {"%s", "%-12s", "%.3s", "%40s", "%20000s", "%.0s"};
