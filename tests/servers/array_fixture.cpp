@@ -38,25 +38,19 @@ public:
         if (!array)
             return E_INVALIDARG;
         for (LONG at = 0; at < count; ++at) {
-            VARIANT number;
-            VariantInit(&number);
+            VARIANT number{}, element{};  // VT_EMPTY
             number.vt = VT_I4;
             number.lVal = at;
-            if (type == VT_VARIANT) {
-                SafeArrayPutElement(array, &at, &number);
-            } else if (type == VT_DISPATCH || type == VT_UNKNOWN) {
-                auto* child = new CArrayChild(at);
-                SafeArrayPutElement(array, &at, static_cast<IDispatch*>(child));
-                child->Release();
-            } else {
-                VARIANT converted;
-                VariantInit(&converted);
-                // The element's address in a VARIANT of its type: the union starts there.
-                if (SUCCEEDED(VariantChangeType(&converted, &number, 0, static_cast<VARTYPE>(type))))
-                    SafeArrayPutElement(array, &at,
-                                        type == VT_BSTR ? static_cast<void*>(converted.bstrVal) : &converted.bVal);
-                VariantClear(&converted);
+            if (type == VT_DISPATCH || type == VT_UNKNOWN) {
+                element.vt = VT_DISPATCH;
+                element.pdispVal = new CArrayChild(at);
+            } else if (type != VT_VARIANT) {
+                VariantChangeType(&element, &number, 0, static_cast<VARTYPE>(type));
             }
+            // A VARIANT itself, an object or text as its pointer, else the value where the union starts.
+            const bool pointer = element.vt == VT_DISPATCH || element.vt == VT_BSTR;
+            SafeArrayPutElement(array, &at, type == VT_VARIANT ? &number : pointer ? element.byref : &element.bVal);
+            VariantClear(&element);
         }
         result->vt = static_cast<VARTYPE>(VT_ARRAY | type);
         result->parray = array;
