@@ -286,7 +286,6 @@ public:
 
     NUMBER_MEMBERS(I1, char, kOutNumber)
     NUMBER_MEMBERS(I4, LONG, kOutNumber)
-    NUMBER_MEMBERS(R4, float, kOutNumber)
     NUMBER_MEMBERS(R8, double, kOutNumber)
     NUMBER_MEMBERS(Date, DATE, kOutDate)
     FIXTURE_MEMBERS(Cy, CY, Set(result, value), (value->int64 += 10000, S_OK), (value->int64 = kOutCy, S_OK))
