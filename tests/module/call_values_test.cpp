@@ -16,7 +16,6 @@
 
 #include "tests/module/call_harness.h"
 #include "tests/servers/call_fixture_values.h"
-#include "tests/support/counting_dispatch.h"
 #include "tests/support/dispatch_call.h"
 
 using namespace MetaObj;
@@ -26,6 +25,47 @@ namespace {
 
 using CallValuesTest = CallTest;
 using CallObjectsTest = CallTest;
+
+using Bounds = std::vector<std::pair<std::int32_t, std::int32_t>>;  // lower bound, count
+
+Bounds BoundsOf(const CMetaObjectItem& item)
+{
+    Bounds bounds;
+    if (item.GetTypeDesc().bounds) {
+        for (const CArrayBound* bound : *item.GetTypeDesc().bounds)
+            bounds.emplace_back(bound->lowerBound, bound->elementCount);
+    }
+    return bounds;
+}
+
+std::vector<std::wstring> Texts(const CMetaObjectItem* item)
+{
+    const auto* array = dynamic_cast<const CMetaObjectArray*>(item);
+    EXPECT_NE(array, nullptr) << "no array";
+    std::vector<std::wstring> texts;
+    for (std::int32_t at = 0; array && at < array->elementCount; ++at)
+        texts.push_back(array->elements[at] ? ValueText(array->elements[at]) : L"<null>");
+    return texts;
+}
+
+CMetaObjectArray& ArrayOf(const Result& result)
+{
+    return dynamic_cast<CMetaObjectArray&>(*result);
+}
+
+// An array item as a host builds one from a parameter's description.
+std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, const Bounds& bounds)
+{
+    std::unique_ptr<CMetaObjectArray, ParamDeleter> array(new CMetaObjectArray);
+    array->SetValue(CMetaString(signature));
+    CTypeDesc type;
+    type.signature = CMetaString(signature);
+    type.EnsureBounds();
+    for (const auto& bound : bounds)
+        type.bounds->Add(bound.first, bound.second);
+    array->InitElements(type);
+    return array;
+}
 
 // A currency or date text read back in the locale the module wrote it in.
 double NumberOf(CMetaObjectItem* item)
@@ -123,7 +163,7 @@ LONG IdOf(IDispatch* child)
 TEST_F(CallObjectsTest, EveryReferenceComesBack)
 {
     // What the row's call leaves, looked at while its items stand.
-    enum class Gives { Nothing, NewResult, HeldBack, NullObject, ItsId, NewInParam };
+    enum class Gives { Nothing, NewResult, HeldBack, HeldInArray, NullObject, ItsId, NewInParam };
     using MakeParam = std::function<Param(IDispatch*)>;  // from the object the test holds
     const auto in = [this](const wchar_t* signature) -> MakeParam {
         return [this, signature](IDispatch* held) { return ObjectItem(held, signature); };
@@ -133,6 +173,12 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
     };
     const MakeParam none = [](IDispatch*) { return Param(); };
     const auto number = [](std::int32_t which) -> MakeParam { return [=](IDispatch*) { return Int(which); }; };
+    const MakeParam thrice = [this](IDispatch* held) {
+        auto array = Array(L"VT_DISPATCH|VT_ARRAY", {{0, 3}});
+        for (std::int32_t at = 0; at < 3; ++at)
+            array->elements[at] = ObjectItem(held).release();
+        return Param(array.release());
+    };
     const struct {
         const char* label;
         const wchar_t* key;
@@ -146,6 +192,7 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
         {"a null object result holds nothing", L"Get:Target", none, 1, 0, Gives::NullObject},
         {"taken in and given back", L"Invoke:EchoDispatch", in(L"VT_DISPATCH"), 3, 0, Gives::HeldBack},
         {"taken in as IUnknown and given back", L"Invoke:EchoUnknown", in(L"VT_UNKNOWN"), 3, 0, Gives::HeldBack},
+        {"thrice in an array and back: a handler for each", L"Invoke:EchoVariant", thrice, 7, 0, Gives::HeldInArray},
         {"taken in and answered", L"Invoke:ChildId", in(L"VT_DISPATCH"), 2, 0, Gives::ItsId},
         {"held until dropped", L"Invoke:Hold", in(L"VT_DISPATCH"), 3, 0, Gives::Nothing},
         {"set by reference as the target", L"Setref:Target", in(L"VT_DISPATCH"), 3, 0, Gives::Nothing},
@@ -183,6 +230,8 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
                     EXPECT_TRUE(got && got != held && RefCount(got) == 1u && IdOf(got) > 0);
                 } else if (row.gives == Gives::HeldBack) {
                     EXPECT_EQ(got, held);
+                } else if (row.gives == Gives::HeldInArray) {
+                    EXPECT_EQ(ObjectOf(ArrayOf(outcome.result).elements[2]), held);
                 } else if (row.gives == Gives::NullObject) {
                     EXPECT_TRUE(object && object->handler && object->handler->GetDispatchPointer() == nullptr);
                 } else if (row.gives == Gives::ItsId) {
@@ -201,69 +250,8 @@ TEST_F(CallObjectsTest, EveryReferenceComesBack)
     });
 }
 
-using Bounds = std::vector<std::pair<std::int32_t, std::int32_t>>;  // lower bound, count
-
-Bounds BoundsOf(const CMetaObjectItem& item)
-{
-    Bounds bounds;
-    if (item.GetTypeDesc().bounds) {
-        for (const CArrayBound* bound : *item.GetTypeDesc().bounds)
-            bounds.emplace_back(bound->lowerBound, bound->elementCount);
-    }
-    return bounds;
-}
-
-std::vector<std::wstring> Texts(const CMetaObjectItem* item)
-{
-    const auto* array = dynamic_cast<const CMetaObjectArray*>(item);
-    EXPECT_NE(array, nullptr) << "no array";
-    std::vector<std::wstring> texts;
-    for (std::int32_t at = 0; array && at < array->elementCount; ++at)
-        texts.push_back(array->elements[at] ? ValueText(array->elements[at]) : L"<null>");
-    return texts;
-}
-
-CMetaObjectArray& ArrayOf(const Result& result)
-{
-    return dynamic_cast<CMetaObjectArray&>(*result);
-}
-
-// An array item as a host builds one from a parameter's description.
-std::unique_ptr<CMetaObjectArray, ParamDeleter> Array(const wchar_t* signature, const Bounds& bounds)
-{
-    std::unique_ptr<CMetaObjectArray, ParamDeleter> array(new CMetaObjectArray);
-    array->SetValue(CMetaString(signature));
-    CTypeDesc type;
-    type.signature = CMetaString(signature);
-    type.EnsureBounds();
-    for (const auto& bound : bounds)
-        type.bounds->Add(bound.first, bound.second);
-    array->InitElements(type);
-    return array;
-}
-
 using ArrayCallTest = CallTest;
 constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
-
-// Each element's handler holds a reference of its own, let go with its array.
-TEST_F(ArrayCallTest, ObjectsInArraysKeepExactReferences)
-{
-    CCountingDispatch object;
-    WithObject(kArrayFixture, [&](CMetaObjectCOMHandler& fixture) {
-        auto array = Array(L"VT_DISPATCH|VT_ARRAY", {{0, 3}});
-        for (std::int32_t at = 0; at < 3; ++at)
-            array->elements[at] = ObjectItem(&object).release();
-        EXPECT_EQ(object.References(), 4);  // the creator and three handlers
-        Outcome echoed = Call(fixture, L"Invoke:Echo", {array.get()});
-        ASSERT_EQ(echoed.status, MetaStatusOk);
-        EXPECT_EQ(object.References(), 7);  // the call's copy is gone; the result's elements have handlers
-        ASSERT_EQ(ArrayOf(echoed.result).elementCount, 3);
-        EXPECT_EQ(ObjectOf(ArrayOf(echoed.result).elements[2]), &object);
-        echoed.result.reset();
-        EXPECT_EQ(object.References(), 4);
-    });
-    EXPECT_EQ(object.References(), 1);
-}
 
 // Each row: an array the fixture makes, then the same elements sent back to
 // it under the row's signature and echoed, compared element by element.
