@@ -102,22 +102,18 @@ public:
 
     HRESULT STDMETHODCALLTYPE Grow(SAFEARRAY** values) override
     {
-        const ULONG count = *values ? (*values)->rgsabound[0].cElements : 0;
-        SAFEARRAYBOUND bound{count + 1, 1};
+        const LONG count = *values ? static_cast<LONG>((*values)->rgsabound[0].cElements) : 0;
+        SAFEARRAYBOUND bound{static_cast<ULONG>(count) + 1, 1};
         SAFEARRAY* grown = SafeArrayCreate(VT_I4, 1, &bound);
-        LONG *from = nullptr, *to = nullptr;
-        if ((*values && FAILED(SafeArrayAccessData(*values, reinterpret_cast<void**>(&from)))) ||
-            FAILED(SafeArrayAccessData(grown, reinterpret_cast<void**>(&to))))
-            return E_INVALIDARG;
-        for (ULONG at = 0; at < count; ++at)
-            to[at] = from[at] * 2;
-        to[count] = kGrowExtra;
-        SafeArrayUnaccessData(grown);
-        // In/out: the old array is the callee's to free when it puts another.
-        if (*values) {
-            SafeArrayUnaccessData(*values);
-            SafeArrayDestroy(*values);
+        for (LONG at = 0; at <= count; ++at) {
+            LONG value = kGrowExtra, from = at + (count ? (*values)->rgsabound[0].lLbound : 0), to = at + 1;
+            if (at < count && SUCCEEDED(SafeArrayGetElement(*values, &from, &value)))
+                value *= 2;
+            SafeArrayPutElement(grown, &to, &value);
         }
+        // In/out: the old array is the callee's to free when it puts another.
+        if (*values)
+            SafeArrayDestroy(*values);
         *values = grown;
         return S_OK;
     }

@@ -11,7 +11,6 @@
 #include "call_fixture.h"  // widl's header of call_fixture.idl
 
 #include <cstdio>
-#include <cstring>
 #include <cwchar>
 #include <map>
 #include <stdexcept>
@@ -131,7 +130,7 @@ private:
 // The bytes beyond a narrow value are zero, so a reader of more sees no garbage.
 HRESULT MakeShape(LONG which, VARIANT* value)
 {
-    std::memset(value, 0, sizeof *value);
+    *value = VARIANT{};
     const VARTYPE types[ShapeRowCount] = {VT_EMPTY, VT_NULL, VT_I8, VT_BOOL, VT_UNKNOWN, VT_ERROR};
     if (which < 0 || which >= ShapeRowCount)
         return E_INVALIDARG;
