@@ -77,7 +77,8 @@ TEST_F(CallStatusTest, OpensByEveryRoadInItsOrder)
                 EXPECT_EQ(handler->GetDispatchPointer() == running.Get(), last);
             } else {  // a handler without an object makes calls that fail
                 const Outcome call = Call(*static_cast<CMetaObjectCOMHandler*>(handler), L"Get:Number");
-                EXPECT_TRUE(call.status == MetaStatusInvokeFailed && call.record.code == kUntouchedCode && !call.result);
+                EXPECT_EQ(call.status, MetaStatusInvokeFailed);
+                EXPECT_TRUE(call.record.code == kUntouchedCode && !call.result);
             }
             EXPECT_EQ(server.LiveObjects(), before + 1 + (row.status == MetaStatusOk && !last ? 1 : 0));
             EXPECT_EQ(handler->Release(), MetaStatusClosed);
@@ -94,58 +95,56 @@ TEST_F(CallStatusTest, OpensByEveryRoadInItsOrder)
 TEST_F(CallStatusTest, ExecuteAnswersEachCase)
 {
     struct Record {
+        MetaStatus status;
         std::uint32_t code;
         const wchar_t* description;
         const wchar_t* source;
     };
-    const Record untouched{kUntouchedCode, L"untouched", L"untouched"};
-    const Record succeeded{1, L"COM Method call succeeded", L"untouched"}, noTexts{65535, L"untouched", L"untouched"};
-    const Record badEnum{65535, L"Illegal enum value", L"Parameter Validation Error"};
+    const MetaStatus failed = MetaStatusInvokeFailed;
+    const Record untouched{failed, kUntouchedCode, L"untouched", L"untouched"}, noTexts{failed, 65535, L"untouched",
+                                                                                        L"untouched"};
+    const Record succeeded{MetaStatusOk, 1, L"COM Method call succeeded", L"untouched"};
+    const Record badEnum{failed, 65535, L"Illegal enum value", L"Parameter Validation Error"};
+    const Record deferred{failed, 65535, kDeferredDescription, kDeferredSource};
     const auto none = [] { return std::vector<Param>(); };
-    const MetaStatus failed = MetaStatusInvokeFailed, ok = MetaStatusOk;
-    constexpr char kNoArguments[] = "flags=1 args=0 named=[] vt=[]";
+    constexpr char kNoArguments[] = "flags=1 args=0 named=[] vt=[]", kOneNumber[] = "flags=1 args=1 named=[] vt=[0003]";
     CCountingDispatch object;
     const struct {
         const char* label;
         const wchar_t* key;
         MakeParams params;
-        MetaStatus status;
         Record record;
         const char* lastCall;  // null: Invoke never ran
         bool item = false;
     } rows[] = {
-        {"unknown member", L"Invoke:NoSuchMember", none, failed, untouched, nullptr},
-        {"key without a colon", L"Number", none, failed, untouched, nullptr},
-        {"enumeration value outside its type", L"Invoke:EchoColour", [] { return ParamList(Colour(3)); }, failed,
-         badEnum, nullptr},
-        {"enumeration type without values", L"Invoke:EchoColour", [] { return ParamList(Colour(2, false)); }, failed,
-         badEnum, nullptr},
+        {"unknown member", L"Invoke:NoSuchMember", none, untouched, nullptr},
+        {"key without a colon", L"Number", none, untouched, nullptr},
+        {"enumeration outside its type", L"Invoke:EchoColour", [] { return ParamList(Colour(3)); }, badEnum, nullptr},
+        {"enum without values", L"Invoke:EchoColour", [] { return ParamList(Colour(2, false)); }, badEnum, nullptr},
         {"an out enumeration is not validated", L"Invoke:OutColour", [] { return ParamList(ByRef(Colour(3), kOut)); },
-         ok, succeeded, "flags=1 args=1 named=[] vt=[4003]"},
-        {"E_NOTIMPL", L"Invoke:NotImplemented", none, failed, {1, kNotImplementedDescription, kNotImplementedSource},
+         succeeded, "flags=1 args=1 named=[] vt=[4003]"},
+        {"E_NOTIMPL", L"Invoke:NotImplemented", none, {failed, 1, kNotImplementedDescription, kNotImplementedSource},
          kNoArguments},
         {"another failure with the object's texts", L"Invoke:FailWithGarbage",
-         [] { return ParamList(ByRef(Int(1), kOut), ByRef(Real(2), kOut)); }, failed,
-         {65535, kGarbageDescription, kGarbageSource}, "flags=1 args=2 named=[] vt=[4005,4003]"},
-        {"a failure without texts: too few arguments", L"Invoke:EchoI4", none, failed, noTexts, kNoArguments},
-        {"deferred fill-in: its texts win", L"Invoke:FailDeferred", [] { return ParamList(Int(0)); }, failed,
-         {65535, kDeferredDescription, kDeferredSource}, "flags=1 args=1 named=[] vt=[0003]"},
+         [] { return ParamList(ByRef(Int(1), kOut), ByRef(Real(2), kOut)); },
+         {failed, 65535, kGarbageDescription, kGarbageSource}, "flags=1 args=2 named=[] vt=[4005,4003]"},
+        {"a failure without texts: too few arguments", L"Invoke:EchoI4", none, noTexts, kNoArguments},
+        {"deferred fill-in: its texts win", L"Invoke:FailDeferred", [] { return ParamList(Int(0)); }, deferred,
+         kOneNumber},
         {"deferred fill-in fails: the first texts stay", L"Invoke:FailDeferred", [] { return ParamList(Int(1)); },
-         failed, {65535, kEarlyDescription, kEarlySource}, "flags=1 args=1 named=[] vt=[0003]"},
-        {"a C++ exception out of Invoke", L"Invoke:Throw", none, failed, untouched, kNoArguments},
-        {"a VT_EMPTY result is a null item", L"Invoke:Shape", [] { return ParamList(Int(ShapeEmpty)); }, ok,
-         succeeded, "flags=1 args=1 named=[] vt=[0003]"},
-        {"a method", L"Invoke:Four", [] { return ParamList(Int(1), Text(L"abc"), Real(2.5), Bool(1)); }, ok,
-         succeeded, "flags=1 args=4 named=[] vt=[000b,0005,0008,0003]", true},
-        {"a get with arguments", L"Get:Cell", [] { return ParamList(Int(1), Int(2, L"VT_I2")); }, ok, succeeded,
+         {failed, 65535, kEarlyDescription, kEarlySource}, kOneNumber},
+        {"a C++ exception out of Invoke", L"Invoke:Throw", none, untouched, kNoArguments},
+        {"VT_EMPTY is a null item", L"Invoke:Shape", [] { return ParamList(Int(ShapeEmpty)); }, succeeded, kOneNumber},
+        {"a method", L"Invoke:Four", [] { return ParamList(Int(1), Text(L"abc"), Real(2.5), Bool(1)); }, succeeded,
+         "flags=1 args=4 named=[] vt=[000b,0005,0008,0003]", true},
+        {"a get with arguments", L"Get:Cell", [] { return ParamList(Int(1), Int(2, L"VT_I2")); }, succeeded,
          "flags=2 args=2 named=[] vt=[0002,0003]", true},
-        {"a put", L"Set:Cell", [] { return ParamList(Int(1), Int(2, L"VT_I2"), Real(3)); }, ok, succeeded,
+        {"a put", L"Set:Cell", [] { return ParamList(Int(1), Int(2, L"VT_I2"), Real(3)); }, succeeded,
          "flags=4 args=3 named=[-3] vt=[0005,0002,0003]"},
-        {"a put without arguments still names one", L"Set:Cell", none, failed, noTexts,
-         "flags=4 args=0 named=[-3] vt=[]"},
-        {"a put by reference", L"Setref:Target", [&] { return ParamList(ObjectItem(&object)); }, ok, succeeded,
+        {"a put without arguments still names one", L"Set:Cell", none, noTexts, "flags=4 args=0 named=[-3] vt=[]"},
+        {"a put by reference", L"Setref:Target", [&] { return ParamList(ObjectItem(&object)); }, succeeded,
          "flags=8 args=1 named=[-3] vt=[0009]"},
-        {"a method without a result", L"Invoke:DropHeld", none, ok, succeeded, kNoArguments},
+        {"a method without a result", L"Invoke:DropHeld", none, succeeded, kNoArguments},
     };
     WithFixture([&](CMetaObjectCOMHandler& handler) {
         for (const auto& row : rows) {
@@ -156,7 +155,7 @@ TEST_F(CallStatusTest, ExecuteAnswersEachCase)
             const std::string before = LastCall(handler);
             const std::vector<Param> params = row.params();
             const Outcome outcome = Call(handler, row.key, Items(params));
-            EXPECT_EQ(outcome.status, row.status);
+            EXPECT_EQ(outcome.status, row.record.status);
             EXPECT_EQ(outcome.record.code, row.record.code);
             EXPECT_EQ(Wide(outcome.record.description), row.record.description);
             EXPECT_EQ(Wide(outcome.record.source), row.record.source);
