@@ -41,7 +41,6 @@ TEST_F(CallStatusTest, OpensByEveryRoadInItsOrder)
         MetaStatus status;
     } rows[] = {
         {"ProgID through the class factory", progId, nullptr, false, nullptr, MetaStatusOk},
-        {"new: moniker", progId, byMoniker, false, nullptr, MetaStatusOk},
         {"a moniker wins over the running object", "COM://No.Such.Class", byMoniker, true, nullptr, MetaStatusOk},
         {"a moniker that doesn't parse", progId, L"::not a moniker::", false, nullptr, MetaStatusNoObject},
         {"unknown class", "COM://No.Such.Class", nullptr, false, nullptr, MetaStatusNoObject},
