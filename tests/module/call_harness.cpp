@@ -128,32 +128,9 @@ void CallTest::SetUp()
     module->SetEnvironment(host.Table());
 }
 
-CMetaObjectCOMHandler& ItemHandler(const CMetaObjectItem* item)
-{
-    const auto* object = dynamic_cast<const CMetaObjectObject*>(item);
-    EXPECT_TRUE(object && object->handler) << "no object item";
-    return *static_cast<CMetaObjectCOMHandler*>(object->handler);
-}
-
 void CallTest::WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body)
 {
     WithObject(std::string("COM://") + FixtureValues::kProgIdNarrow, body);
-}
-
-void CallTest::WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body)
-{
-    WithObject("COM://MSScriptControl.ScriptControl", [&](CMetaObjectCOMHandler& control) {
-        const Param language = Text(L"VBScript"), text = Text(code);
-        ASSERT_EQ(Call(control, L"Set:Language", {language.get()}).status, MetaStatusOk);
-        ASSERT_EQ(Call(control, L"Invoke:AddCode", {text.get()}).status, MetaStatusOk);
-        body(control);
-    });
-}
-
-Outcome CallTest::Eval(CMetaObjectCOMHandler& control, const wchar_t* expression)
-{
-    const Param text = Text(expression);
-    return Call(control, L"Invoke:Eval", {text.get()});
 }
 
 void CallTest::WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,

@@ -17,9 +17,8 @@
 #include "tests/module/module_fixture.h"
 #include "tests/support/fixture_server.h"
 
-constexpr std::int32_t kIn = 0;
-constexpr std::int32_t kOut = 1;
-constexpr std::int32_t kInOut = 2;
+// An item's direction.
+enum : std::int32_t { kIn, kOut, kInOut };
 
 // An item the test made: an object item gives its use back before it goes.
 struct ParamDeleter {
@@ -87,10 +86,8 @@ protected:
     // module initialised COM.
     void WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,
                     MetaObj::CObjectOpenParams* params = nullptr);
-    // The same on a new call fixture, and on a VBScript engine with the code added.
+    // The same on a new call fixture.
     void WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body);
-    void WithScript(const wchar_t* code, const std::function<void(CMetaObjectCOMHandler&)>& body);
-    Outcome Eval(CMetaObjectCOMHandler& control, const wchar_t* expression);
 
     // CreateMethodInvoke, SetInvokeParams, ExecuteInvoke, FreeMethodInvoke.
     // The items stay the caller's. With wantResult false, ExecuteInvoke gets
@@ -108,5 +105,3 @@ protected:
 
 // The object an object item's handler holds, or null.
 IDispatch* ObjectOf(const MetaObj::CMetaObjectItem* item);
-// The handler of an object item, for calls of its own.
-CMetaObjectCOMHandler& ItemHandler(const MetaObj::CMetaObjectItem* item);

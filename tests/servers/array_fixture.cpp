@@ -38,25 +38,19 @@ public:
         if (!array)
             return E_INVALIDARG;
         for (LONG at = 0; at < count; ++at) {
-            VARIANT number;
-            VariantInit(&number);
+            VARIANT number{}, element{};  // VT_EMPTY
             number.vt = VT_I4;
             number.lVal = at;
-            if (type == VT_VARIANT) {
-                SafeArrayPutElement(array, &at, &number);
-            } else if (type == VT_DISPATCH || type == VT_UNKNOWN) {
-                auto* child = new CArrayChild(at);
-                SafeArrayPutElement(array, &at, static_cast<IDispatch*>(child));
-                child->Release();
-            } else {
-                VARIANT converted;
-                VariantInit(&converted);
-                // The element's address in a VARIANT of its type: the union starts there.
-                if (SUCCEEDED(VariantChangeType(&converted, &number, 0, static_cast<VARTYPE>(type))))
-                    SafeArrayPutElement(array, &at,
-                                        type == VT_BSTR ? static_cast<void*>(converted.bstrVal) : &converted.bVal);
-                VariantClear(&converted);
+            if (type == VT_DISPATCH || type == VT_UNKNOWN) {
+                element.vt = VT_DISPATCH;
+                element.pdispVal = new CArrayChild(at);
+            } else if (type != VT_VARIANT) {
+                VariantChangeType(&element, &number, 0, static_cast<VARTYPE>(type));
             }
+            // A VARIANT itself, an object or text as its pointer, else the value where the union starts.
+            const bool pointer = element.vt == VT_DISPATCH || element.vt == VT_BSTR;
+            SafeArrayPutElement(array, &at, type == VT_VARIANT ? &number : pointer ? element.byref : &element.bVal);
+            VariantClear(&element);
         }
         result->vt = static_cast<VARTYPE>(VT_ARRAY | type);
         result->parray = array;
@@ -108,22 +102,18 @@ public:
 
     HRESULT STDMETHODCALLTYPE Grow(SAFEARRAY** values) override
     {
-        const ULONG count = *values ? (*values)->rgsabound[0].cElements : 0;
-        SAFEARRAYBOUND bound{count + 1, 1};
+        const LONG count = *values ? static_cast<LONG>((*values)->rgsabound[0].cElements) : 0;
+        SAFEARRAYBOUND bound{static_cast<ULONG>(count) + 1, 1};
         SAFEARRAY* grown = SafeArrayCreate(VT_I4, 1, &bound);
-        LONG *from = nullptr, *to = nullptr;
-        if ((*values && FAILED(SafeArrayAccessData(*values, reinterpret_cast<void**>(&from)))) ||
-            FAILED(SafeArrayAccessData(grown, reinterpret_cast<void**>(&to))))
-            return E_INVALIDARG;
-        for (ULONG at = 0; at < count; ++at)
-            to[at] = from[at] * 2;
-        to[count] = kGrowExtra;
-        SafeArrayUnaccessData(grown);
-        // In/out: the old array is the callee's to free when it puts another.
-        if (*values) {
-            SafeArrayUnaccessData(*values);
-            SafeArrayDestroy(*values);
+        for (LONG at = 0; at <= count; ++at) {
+            LONG value = kGrowExtra, from = at + (count ? (*values)->rgsabound[0].lLbound : 0), to = at + 1;
+            if (at < count && SUCCEEDED(SafeArrayGetElement(*values, &from, &value)))
+                value *= 2;
+            SafeArrayPutElement(grown, &to, &value);
         }
+        // In/out: the old array is the callee's to free when it puts another.
+        if (*values)
+            SafeArrayDestroy(*values);
         *values = grown;
         return S_OK;
     }

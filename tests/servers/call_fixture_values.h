@@ -12,11 +12,10 @@ constexpr char kClassId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C20}";
 // The record type FixturePoint, as a struct item names it.
 constexpr char kPointTypeId[] = "{5B7E2C40-8D31-4F6A-B0C9-3E1D7A2F6C03}";
 
-// What the Out members write: each number type's kOutNumber, a boolean true,
-// kOutBstr, currency kOutCy, date kOutDate (18:00), a VARIANT holding VT_I8
-// kOutVariant, colour Blue, and a new child object.
+// What the Out members write: a number kOutNumber, kOutBstr, currency kOutCy,
+// date kOutDate (18:00), a VARIANT holding VT_I8 kOutVariant, colour Blue, and
+// a new child object.
 constexpr std::int32_t kOutNumber = -5;
-constexpr double kOutR8 = kOutNumber;
 constexpr wchar_t kOutBstr[] = L"out text";
 constexpr std::int64_t kOutCy = 123400;  // 12.34 in units of 1/10000
 constexpr double kOutDate = 45351.75;    // 29 February 2024

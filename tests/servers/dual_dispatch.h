@@ -39,23 +39,13 @@ class CDualDispatch : public Base {
 public:
     bool Ready() const { return static_cast<bool>(types.vtable); }
 
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override
-    {
-        if (count == nullptr)
-            return E_POINTER;
-        *count = 1;
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override { return count ? (*count = 1, S_OK) : E_POINTER; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo** info) override
     {
         if (info == nullptr)
             return E_POINTER;
-        *info = nullptr;
-        if (index != 0)
-            return DISP_E_BADINDEX;
-        MetaObj::ComPtr<ITypeInfo> copy = types.dispatch;
-        *info = copy.Detach();
-        return S_OK;
+        *info = index == 0 ? MetaObj::ComPtr<ITypeInfo>(types.dispatch).Detach() : nullptr;
+        return index == 0 ? S_OK : DISP_E_BADINDEX;
     }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) override
     {

@@ -16,8 +16,6 @@ public:
     ScopedVariant& operator=(const ScopedVariant&) = delete;
 
     VARIANT* Get() { return &value; }
-    const VARIANT* Get() const { return &value; }
-    VARIANT* operator->() { return &value; }
 
 private:
     VARIANT value;
