@@ -44,11 +44,6 @@ LONG ReadNumber(CMetaObjectCOMHandler& handler, DISPID id)
     return answer.lVal;
 }
 
-CMetaObjectCOMHandler& HandlerOf(const Result& item)
-{
-    return static_cast<CMetaObjectCOMHandler&>(*dynamic_cast<CMetaObjectObject&>(*item).handler);
-}
-
 Batch Next(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t count)
 {
     Batch batch;
@@ -75,107 +70,60 @@ protected:
     }
 };
 
-TEST_F(CollectionTest, OpeningByTheAnswerOfNewEnum)
-{
-    const struct {
-        const char* name;
-        std::int32_t flags;
-        MetaStatus expected;
-        LONG newEnumCalls;
-    } rows[] = {
-        {"as a property", kPlain, MetaStatusOk, 1},
-        {"only as a method: the second try", kNewEnumMethodOnly, MetaStatusOk, 2},
-        {"a number", kNewEnumNumber, MetaStatusNoCollection, 1},
-        {"nothing", kNewEnumEmpty, MetaStatusNoCollection, 1},
-        {"a text", kNewEnumText, MetaStatusNoCollection, 1},
-        {"an object that is no enumerator", kNewEnumNotEnum, MetaStatusNoCollection, 1},
-        {"no such member, either way", kNewEnumMissing, MetaStatusNoCollection, 2},
-    };
-    WithMaker([&](CMetaObjectCOMHandler& maker) {
-        for (const auto& row : rows) {
-            SCOPED_TRACE(row.name);
-            Result collection = Make(maker, row.flags, 3);
-            CMetaObjectCOMHandler& handler = HandlerOf(collection);
-            IEnumVARIANT* slot = nullptr;
-            EXPECT_EQ(handler.OpenEnumerator(&slot), row.expected);
-            EXPECT_EQ(slot != nullptr, row.expected == MetaStatusOk);
-            EXPECT_EQ(ReadNumber(handler, 3), row.newEnumCalls);
-            EXPECT_TRUE(Narrow(handler.GetErrorText()).empty());
-            if (slot) {
-                EXPECT_EQ(RefCount(slot), 1u);  // the slot's reference is the only one
-                EXPECT_EQ(Next(handler, &slot, 5).Text(), "0 1 2");
-                EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
-                EXPECT_EQ(slot, nullptr);
-            }
-        }
-    });
-}
-
-TEST_F(CollectionTest, SlotsEmptyOpenAgainOfOtherHandlersAndOutlivingTheirs)
+// The operations on an empty slot; slots keep their own places, walk on other
+// handlers and outlive theirs; past the end is a success; failing enumerators.
+TEST_F(CollectionTest, SlotsAndTheirStatuses)
 {
     WithMaker([&](CMetaObjectCOMHandler& maker) {
         Result collection = Make(maker, kPlain, 10);
-        CMetaObjectCOMHandler& handler = HandlerOf(collection);
-        IEnumVARIANT* empty = nullptr;
+        CMetaObjectCOMHandler& handler = ItemHandler(collection.get());
+        IEnumVARIANT* slot = nullptr;
         CItemList items;
         std::uint32_t number = 77;
-        EXPECT_EQ(handler.ResetEnumerator(&empty), MetaStatusNoCollection);
-        EXPECT_EQ(handler.SkipElements(&empty, 1), MetaStatusNoCollection);
-        EXPECT_EQ(handler.NextElements(&empty, 1, items, &number), MetaStatusNoCollection);
-        EXPECT_EQ(handler.CountElements(&empty, &number), MetaStatusNoCollection);
-        EXPECT_EQ(handler.CloseEnumerator(&empty), MetaStatusNoCollection);
+        EXPECT_EQ(handler.ResetEnumerator(&slot), MetaStatusNoCollection);
+        EXPECT_EQ(handler.SkipElements(&slot, 1), MetaStatusNoCollection);
+        EXPECT_EQ(handler.NextElements(&slot, 1, items, &number), MetaStatusNoCollection);
+        EXPECT_EQ(handler.CountElements(&slot, &number), MetaStatusNoCollection);
+        EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusNoCollection);
         EXPECT_EQ(handler.ResetEnumerator(nullptr), MetaStatusNoCollection);
         EXPECT_EQ(number, 77u);
 
-        // Slots keep their own places; opening a held slot again makes no call.
-        IEnumVARIANT* first = nullptr;
+        // Opening a held slot again makes no call.
         IEnumVARIANT* second = nullptr;
-        ASSERT_EQ(handler.OpenEnumerator(&first), MetaStatusOk);
+        ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
         ASSERT_EQ(handler.OpenEnumerator(&second), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &first, 3).Text(), "0 1 2");
+        EXPECT_EQ(Next(handler, &slot, 3).Text(), "0 1 2");
         EXPECT_EQ(Next(handler, &second, 2).Text(), "0 1");
-        IEnumVARIANT* held = first;
-        EXPECT_EQ(handler.OpenEnumerator(&first), MetaStatusOk);
-        EXPECT_EQ(first, held);
+        IEnumVARIANT* held = slot;
+        EXPECT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
+        EXPECT_EQ(slot, held);
         EXPECT_EQ(ReadNumber(handler, 3), 2);
-        EXPECT_EQ(RefCount(first), 1u);
+        EXPECT_EQ(RefCount(slot), 1u);
 
         // A handler without an object opens nothing but walks another's slot.
         auto* bare = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        EXPECT_EQ(bare->OpenEnumerator(&first), MetaStatusNoCollection);
-        EXPECT_EQ(first, held);
-        EXPECT_EQ(bare->CountElements(&first, &number), MetaStatusNoCollection);
-        EXPECT_EQ(Next(*bare, &first, 2).Text(), "3 4");
-        EXPECT_EQ(bare->CloseEnumerator(&first), MetaStatusOk);
+        EXPECT_EQ(bare->OpenEnumerator(&slot), MetaStatusNoCollection);
+        EXPECT_EQ(slot, held);
+        EXPECT_EQ(bare->CountElements(&slot, &number), MetaStatusNoCollection);
+        EXPECT_EQ(Next(*bare, &slot, 2).Text(), "3 4");
+        EXPECT_EQ(bare->CloseEnumerator(&slot), MetaStatusOk);
         bare->Release();
-        // The enumerator keeps the collection alive after its handler closed.
-        collection.reset();
-        EXPECT_EQ(Next(maker, &second, 10).Text(), "2 3 4 5 6 7 8 9");
-        EXPECT_EQ(maker.CloseEnumerator(&second), MetaStatusOk);
-    });
-}
 
-TEST_F(CollectionTest, StatusesOfResetSkipAndNext)
-{
-    WithMaker([&](CMetaObjectCOMHandler& maker) {
-        // Skipping past the end is a success; so is a batch past the end.
-        Result plain = Make(maker, kPlain, 5);
-        CMetaObjectCOMHandler& handler = HandlerOf(plain);
-        IEnumVARIANT* slot = nullptr;
-        ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
-        EXPECT_EQ(handler.SkipElements(&slot, 3), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &slot, 10).Text(), "3 4");
-        EXPECT_EQ(handler.SkipElements(&slot, 100), MetaStatusOk);
-        Batch after = Next(handler, &slot, 4);
+        EXPECT_EQ(handler.SkipElements(&second, 5), MetaStatusOk);
+        EXPECT_EQ(Next(handler, &second, 10).Text(), "7 8 9");
+        EXPECT_EQ(handler.SkipElements(&second, 100), MetaStatusOk);
+        Batch after = Next(handler, &second, 4);
         EXPECT_EQ(after.status, MetaStatusOk);
         EXPECT_EQ(after.fetched, 0u);
-        EXPECT_EQ(handler.ResetEnumerator(&slot), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &slot, 1).Text(), "0");
-        EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
+        EXPECT_EQ(handler.ResetEnumerator(&second), MetaStatusOk);
+        EXPECT_EQ(Next(handler, &second, 2).Text(), "0 1");
+        collection.reset();  // the enumerator keeps the collection alive
+        EXPECT_EQ(Next(maker, &second, 10).Text(), "2 3 4 5 6 7 8 9");
+        EXPECT_EQ(maker.CloseEnumerator(&second), MetaStatusOk);
 
-        // Failures of the enumerator: Reset, and Next or Skip in the middle of the walk.
+        // A failing Reset, and Next or Skip in mid-walk; the count property still answers.
         Result failing = Make(maker, kFailMidWalk | kResetFails, 30);
-        CMetaObjectCOMHandler& failingHandler = HandlerOf(failing);
+        CMetaObjectCOMHandler& failingHandler = ItemHandler(failing.get());
         ASSERT_EQ(failingHandler.OpenEnumerator(&slot), MetaStatusOk);
         EXPECT_EQ(failingHandler.ResetEnumerator(&slot), MetaStatusNoCollection);
         EXPECT_EQ(Next(failingHandler, &slot, 5).Text(), "0 1 2 3 4");
@@ -185,17 +133,18 @@ TEST_F(CollectionTest, StatusesOfResetSkipAndNext)
         EXPECT_EQ(failed.fetched, 0u);
         EXPECT_TRUE(failed.items.empty());
         EXPECT_EQ(failingHandler.SkipElements(&slot, 1), MetaStatusNoCollection);
-        std::uint32_t count = 0;
-        EXPECT_EQ(failingHandler.CountElements(&slot, &count), MetaStatusOk);
-        EXPECT_EQ(count, 30u);  // the count property still answers
+        EXPECT_EQ(failingHandler.CountElements(&slot, &number), MetaStatusOk);
+        EXPECT_EQ(number, 30u);
         EXPECT_EQ(failingHandler.CloseEnumerator(&slot), MetaStatusOk);
         EXPECT_TRUE(Narrow(failingHandler.GetErrorText()).empty());
     });
 }
 
-// Counting by the property or by walking a copy, which leaves the slot where it was.
-TEST_F(CollectionTest, CountingAndElementsAsItems)
+// Opening by the answer of _NewEnum; counting by the property or by walking a
+// copy, which leaves the slot where it was; elements as items.
+TEST_F(CollectionTest, OpeningCountingAndWalking)
 {
+    const MetaStatus none = MetaStatusNoCollection;
     const struct {
         const char* name;
         std::int32_t flags, size;
@@ -203,7 +152,15 @@ TEST_F(CollectionTest, CountingAndElementsAsItems)
         LONG enumeratorCalls;  // of all enumerators of the collection, during CountElements
         std::uint32_t batch;
         const char* walked;  // one NextElements a bracket, from element 1
+        MetaStatus opened = MetaStatusOk;
+        LONG newEnumCalls = 1;
     } rows[] = {
+        {"_NewEnum only as a method: the second try", kNewEnumMethodOnly, 3, 3, 0, 5, "[1 2]", MetaStatusOk, 2},
+        {"_NewEnum gives a number", kNewEnumNumber, 3, 0, 0, 0, "", none},
+        {"_NewEnum gives nothing", kNewEnumEmpty, 3, 0, 0, 0, "", none},
+        {"_NewEnum gives a text", kNewEnumText, 3, 0, 0, 0, "", none},
+        {"_NewEnum gives an object that is no enumerator", kNewEnumNotEnum, 3, 0, 0, 0, "", none},
+        {"no _NewEnum, either way", kNewEnumMissing, 3, 0, 0, 0, "", none, 2},
         {"the count property", kPlain, 600, 600, 0, 1, "[1]"},
         {"600 by walking: 250, 250, 100", kNoCount, 600, 600, 5, 1, "[1]"},
         {"exactly 500 by walking: 250, 250, 0", kNoCount, 500, 500, 5, 1, "[1]"},
@@ -224,9 +181,15 @@ TEST_F(CollectionTest, CountingAndElementsAsItems)
         for (const auto& row : rows) {
             SCOPED_TRACE(row.name);
             Result collection = Make(maker, row.flags, row.size);
-            CMetaObjectCOMHandler& handler = HandlerOf(collection);
+            CMetaObjectCOMHandler& handler = ItemHandler(collection.get());
             IEnumVARIANT* slot = nullptr;
-            ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
+            EXPECT_EQ(handler.OpenEnumerator(&slot), row.opened);
+            EXPECT_EQ(ReadNumber(handler, 3), row.newEnumCalls);
+            EXPECT_TRUE(Narrow(handler.GetErrorText()).empty());
+            if (row.opened != MetaStatusOk) {
+                EXPECT_EQ(slot, nullptr);
+                continue;
+            }
             if (row.size > 0) {
                 EXPECT_EQ(Next(handler, &slot, 1).fetched, 1u);
             }
@@ -255,6 +218,7 @@ TEST_F(CollectionTest, CountingAndElementsAsItems)
                 EXPECT_EQ(end.fetched, 0u);
             }
             EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
+            EXPECT_EQ(slot, nullptr);
         }
     });
 }
@@ -272,7 +236,7 @@ TEST_F(CollectionTest, ObjectElementsHoldOneReferenceAndAnIdentity)
         for (const auto& row : rows) {
             SCOPED_TRACE(row.identity);
             Result collection = Make(maker, row.flags, 3);
-            CMetaObjectCOMHandler& handler = HandlerOf(collection);
+            CMetaObjectCOMHandler& handler = ItemHandler(collection.get());
             IEnumVARIANT* slot = nullptr;
             ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
             const long liveBefore = server.LiveObjects();
@@ -280,7 +244,7 @@ TEST_F(CollectionTest, ObjectElementsHoldOneReferenceAndAnIdentity)
             ASSERT_EQ(batch.fetched, 3u);
             EXPECT_EQ(server.LiveObjects(), liveBefore + 3);
             for (std::int32_t at = 0; at < 3; ++at) {
-                CMetaObjectCOMHandler& element = HandlerOf(batch.items[at]);
+                CMetaObjectCOMHandler& element = ItemHandler(batch.items[at].get());
                 EXPECT_EQ(batch.items[at]->GetNewObject(), 1);
                 EXPECT_EQ(element.GetUseCount(), 1u);
                 EXPECT_EQ(RefCount(element.GetDispatchPointer()), 1u);  // the handler's, nobody else's

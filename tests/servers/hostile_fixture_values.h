@@ -1,6 +1,5 @@
 #pragma once
-// What the hostile fixture (hostile_fixture.idl) does, shared by the server and
-// the tests that call it.
+// What the hostile fixture's members do, shared by the server and the tests.
 
 #include <cstdint>
 
@@ -9,7 +8,9 @@ namespace HostileValues {
 constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
 
-// What a failing member leaves in its out cells.
+// FailQueryEvery(n): every nth QueryInterface of a hostile object fails, server-wide; 0 turns it off.
+// Garbage*(freeFirst, cell) fail with kGarbage left in the cell, after freeing what came
+// in when freeFirst is set; GarbageText with freeFirst 2 leaves a valid text instead.
 constexpr std::uintptr_t kGarbage = 0xdeadbeef;
 
 // GiveArray(shape).
@@ -34,11 +35,10 @@ constexpr unsigned kLongTextLength = 100000;
 // Throw(where): 0 throws out of Invoke; this arms the next QueryInterface of the object.
 constexpr std::int32_t kThrowInInvoke = 0;
 constexpr std::int32_t kThrowInQueryInterface = 2;
-// GiveType(vt) beyond the vt numbers.
+// GiveType(vt): a VARIANT of that vt, VT_BYREF and VT_ARRAY bits included; or, beyond the vt numbers:
 constexpr std::int32_t kNullByRef = -1;  // VT_BYREF|VT_I4 with a null pointer
 constexpr std::int32_t kSelfByRef = -2;  // VT_BYREF|VT_VARIANT that points at itself
 
-// A member name whose look-up throws.
-constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";
+constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";  // a member name whose look-up throws
 
 }  // namespace HostileValues
