@@ -141,9 +141,11 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
 }
 
 // Opening by the answer of _NewEnum; counting by the property or by walking a
-// copy, which leaves the slot where it was; elements as items.
+// copy, which leaves the slot where it was; elements as items, objects with one reference each.
 TEST_F(CollectionTest, OpeningCountingAndWalking)
 {
+    const std::string elementIdentity = "7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11";  // of its type information
+    const std::string unknownIdentity = "00000000-0000-0000-C000-000000000046";
     const MetaStatus none = MetaStatusNoCollection;
     const struct {
         const char* name;
@@ -176,6 +178,8 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
         {"empty elements are counted by a fetched count", kNoCount | kOddTypes, 9, 9, 3, 1, "[0]"},
         {"odd types", kOddTypes, 8, 8, 0, 8, "[0 struct 4 0 struct]"},
         {"odd types one by one", kOddTypes, 4, 4, 0, 1, "[0][][struct]"},
+        {"objects", kObjects, 3, 3, 0, 2, "[other other]"},
+        {"objects as VT_UNKNOWN", kUnknowns, 3, 3, 0, 2, "[other other]"},
     };
     WithMaker([&](CMetaObjectCOMHandler& maker) {
         for (const auto& row : rows) {
@@ -210,6 +214,16 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
                 EXPECT_EQ(batch.status, MetaStatusOk);
                 EXPECT_EQ(batch.fetched, batch.items.size());
                 walked += "[" + batch.Text() + "]";
+                for (std::size_t at = 0; at < batch.items.size() && (row.flags & (kObjects | kUnknowns)); ++at) {
+                    // One reference, the handler's, and an identity.
+                    CMetaObjectCOMHandler& element = ItemHandler(batch.items[at].get());
+                    EXPECT_EQ(batch.items[at]->GetNewObject(), 1);
+                    EXPECT_EQ(element.GetUseCount(), 1u);
+                    EXPECT_EQ(RefCount(element.GetDispatchPointer()), 1u);
+                    EXPECT_EQ(element.identity.GetObjectName(),
+                              (row.flags & kObjects) ? elementIdentity : unknownIdentity);
+                    EXPECT_EQ(ValueText(Call(element, L"Get:Index").result.get()), std::to_wstring(at + 1));
+                }
             }
             EXPECT_EQ(walked, expected);
             if (row.batch * batches + 1 >= static_cast<std::uint32_t>(row.size)) {
@@ -219,43 +233,6 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
             }
             EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
             EXPECT_EQ(slot, nullptr);
-        }
-    });
-}
-
-TEST_F(CollectionTest, ObjectElementsHoldOneReferenceAndAnIdentity)
-{
-    const struct {
-        std::int32_t flags;
-        const char* identity;
-    } rows[] = {
-        {kObjects, "7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11"},  // the interface of its type information
-        {kUnknowns, "00000000-0000-0000-C000-000000000046"},  // IUnknown
-    };
-    WithMaker([&](CMetaObjectCOMHandler& maker) {
-        for (const auto& row : rows) {
-            SCOPED_TRACE(row.identity);
-            Result collection = Make(maker, row.flags, 3);
-            CMetaObjectCOMHandler& handler = ItemHandler(collection.get());
-            IEnumVARIANT* slot = nullptr;
-            ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
-            const long liveBefore = server.LiveObjects();
-            Batch batch = Next(handler, &slot, 3);
-            ASSERT_EQ(batch.fetched, 3u);
-            EXPECT_EQ(server.LiveObjects(), liveBefore + 3);
-            for (std::int32_t at = 0; at < 3; ++at) {
-                CMetaObjectCOMHandler& element = ItemHandler(batch.items[at].get());
-                EXPECT_EQ(batch.items[at]->GetNewObject(), 1);
-                EXPECT_EQ(element.GetUseCount(), 1u);
-                EXPECT_EQ(RefCount(element.GetDispatchPointer()), 1u);  // the handler's, nobody else's
-                EXPECT_EQ(element.identity.GetObjectName(), row.identity);
-                Outcome index = Call(element, L"Get:Index");
-                ASSERT_NE(dynamic_cast<CMetaObjectInt*>(index.result.get()), nullptr);
-                EXPECT_EQ(dynamic_cast<CMetaObjectInt*>(index.result.get())->value, at);
-            }
-            batch.items.clear();
-            EXPECT_EQ(server.LiveObjects(), liveBefore);
-            EXPECT_EQ(handler.CloseEnumerator(&slot), MetaStatusOk);
         }
     });
 }
