@@ -115,12 +115,11 @@ TEST_F(HostileTest, KeysAndItemsThatDontFit)
     std::wstring pointers = L"VT_I4";
     for (int at = 0; at < 12; ++at)
         pointers += L"|VT_PTR";
-    const auto item = [](std::wstring signature) { return [signature] { return Int(1, signature.c_str()); }; };
     const MetaStatus failed = MetaStatusInvokeFailed;
     const struct {
         const char* label;
         std::wstring key;
-        std::function<Param()> make;
+        Param param = nullptr;
         MetaStatus status = MetaStatusInvokeFailed;
         std::uint32_t code = kUntouchedCode;
         bool invoked = false;  // the fixture's Invoke ran; checked for the rows with an item
@@ -129,22 +128,21 @@ TEST_F(HostileTest, KeysAndItemsThatDontFit)
         {"1,000 characters", L"Get:" + std::wstring(996, L'n')},
         {"the prefix in small letters", L"get:number", nullptr, MetaStatusOk, 1},
         {"an unknown prefix", L"Fetch:Number", nullptr, failed, 65535},
-        {"a signature of 65 characters", L"Invoke:EchoI4", item(L"VT_I4" + std::wstring(60, L' '))},
-        {"a name of 60 letters", L"Invoke:EchoI4", item(L"VT_" + std::wstring(57, L'Q'))},
-        {"twelve pointer marks, by reference", L"Invoke:RefI4", [&] { return ByRef(Int(1, pointers.c_str()), kInOut); },
-         MetaStatusOk, 1, true},
-        {"a text for VT_I4", L"Invoke:EchoI4", [] { return Text(L"5", L"VT_I4"); }},
+        {"a signature of 65 characters", L"Invoke:EchoI4", Int(1, (L"VT_I4" + std::wstring(60, L' ')).c_str())},
+        {"a name of 60 letters", L"Invoke:EchoI4", Int(1, (L"VT_" + std::wstring(57, L'Q')).c_str())},
+        {"twelve pointer marks, by reference", L"Invoke:RefI4", ByRef(Int(1, pointers.c_str()), kInOut), MetaStatusOk, 1,
+         true},
+        {"a text for VT_I4", L"Invoke:EchoI4", Text(L"5", L"VT_I4")},
     };
     WithFixture([&](CMetaObjectCOMHandler& handler) {
         for (const auto& row : rows) {
             SCOPED_TRACE(row.label);
-            const Param param = row.make ? row.make() : nullptr;
             const std::string before = LastCall(handler);
             const Outcome outcome =
-                param ? Call(handler, row.key.c_str(), {param.get()}) : Call(handler, row.key.c_str());
+                row.param ? Call(handler, row.key.c_str(), {row.param.get()}) : Call(handler, row.key.c_str());
             EXPECT_EQ(outcome.status, row.status);
             EXPECT_EQ(outcome.record.code, row.code);
-            if (param) {
+            if (row.param) {
                 EXPECT_EQ(LastCall(handler) != before, row.invoked);
             }
             if (row.status != MetaStatusOk) {
@@ -198,98 +196,83 @@ std::string Held(const CMetaObjectItem* item)
     return text ? Narrow(text->value) : std::to_string(reinterpret_cast<std::uintptr_t>(ObjectOf(item)));
 }
 
+// A FixturePoint whose type names the given struct.
+Param NamedPoint(const wchar_t* name)
+{
+    Param item = Point(1, 2);
+    item->GetTypeDesc().SetStructName(CMetaString(name));
+    return item;
+}
+
 // Failing calls that leave 0xdeadbeef in their cells, which is never freed nor
 // read; arrays, texts and structs of odd shapes both ways; C++ exceptions.
 TEST_F(HostileTest, CallsThatBreakTheRules)
 {
-    using Args = std::function<std::vector<Param>(CMetaObjectCOMHandler&)>;
-    const auto one = [](std::function<Param()> made) -> Args {
-        return [made](CMetaObjectCOMHandler&) { return ParamList(made()); };
-    };
-    const auto number = [&](std::int32_t value) { return one([value] { return Int(value); }); };
-    const auto array = [&](Bounds bounds) { return one([bounds] { return IntArray(bounds); }); };
-    const auto point = [&](const wchar_t* name) {
-        return one([name] {
-            Param item = Point(1, 2);
-            item->GetTypeDesc().SetStructName(CMetaString(name));
-            return item;
-        });
-    };
-    // Garbage members take (freeFirst, cell).
-    const auto text = [](std::int32_t freeFirst, const wchar_t* signature) -> Args {
-        return [=](CMetaObjectCOMHandler&) { return ParamList(Int(freeFirst), ByRef(Text(L"in", signature), kInOut)); };
-    };
-    const auto object = [this](std::int32_t freeFirst) -> Args {
-        return [=](CMetaObjectCOMHandler& handler) {
-            const Outcome child = Call(handler, L"Invoke:MakeChild");
-            return ParamList(Int(freeFirst), ByRef(ObjectItem(ObjectOf(child.result.get())), kInOut));
-        };
-    };
     const MetaStatus ok = MetaStatusOk, failed = MetaStatusInvokeFailed;
-    const struct {
-        const char* label;
-        const wchar_t* key;
-        Args args;
-        MetaStatus status;
-        std::string result = "none";
-        std::uint32_t code = 65535;  // 0: not checked
-        ULONG lostReferences = 0;    // of the object in a cell
-    } rows[] = {
-        {"BSTR cell, freed and replaced by a valid text", L"Invoke:GarbageText", text(2, L"VT_BSTR"), failed},
-        {"VARIANT cell, cleared first", L"Invoke:GarbageVariant", text(1, L"VT_VARIANT"), failed},
-        {"object cell", L"Invoke:GarbageObject", object(0), failed, "none", 65535, 1},
-        {"object cell, released first", L"Invoke:GarbageObject", object(1), failed},
-        {"array cell, destroyed first", L"Invoke:GarbageArray",
-         [](CMetaObjectCOMHandler&) { return ParamList(Int(1), IntArray({{0, 3}}, kInOut)); }, failed},
-        {"a valid text and garbage in out cells", L"Invoke:GarbageOut",
-         [this](CMetaObjectCOMHandler&) { return ParamList(ByRef(Text(L""), kOut), ByRef(ObjectItem(nullptr), kOut)); },
-         failed},
-        {"a valid result of a failing call", L"Invoke:FailWithResult", [](CMetaObjectCOMHandler&) { return ParamList(); },
-         failed, "none", 0},
-        {"a C++ exception out of Invoke", L"Invoke:Throw", number(kThrowInInvoke), failed, "none", kUntouchedCode},
-        {"no dimensions", L"Invoke:GiveArray", number(kNoDimensions), ok, "none", 0},
-        {"65,535 dimensions", L"Invoke:GiveArray", number(kManyDimensions), ok, "none", 0},
-        {"2^32 elements over 16 bytes", L"Invoke:GiveArray", number(kOverflowingCount), ok, "none", 0},
-        {"2^31 elements over 16 bytes", L"Invoke:GiveArray", number(kNegativeCount), ok, "none", 0},
-        {"a null array", L"Invoke:GiveArray", number(kNullArray), ok, "none", 0},
-        {"an element that refers to itself", L"Invoke:GiveArray", number(kVariantHoldsItself), ok, "array", 0},
-        {"no bounds", L"Invoke:Swallow", array({}), failed, "none", 0},
-        {"65,536 dimensions", L"Invoke:Swallow", array(Bounds(65536, {0, 1})), failed, "none", 0},
-        {"101 dimensions", L"Invoke:Swallow", array(Bounds(101, {0, 1})), failed, "none", 0},
-        {"a count left open, as a type library gives it", L"Invoke:Swallow", array({{0, -1}}), failed, "none", 0},
-        {"2^32 elements", L"Invoke:Swallow", array({{0, 65536}, {0, 65536}}), failed, "none", 0},
-        {"a negative count", L"Invoke:Swallow", array({{0, -7}}), failed, "none", 0},
-        {"an empty dimension", L"Invoke:Swallow", array({{0, 0}}), ok, "other", 0},
-        {"a struct of no name", L"Invoke:Swallow", point(L""), ok, "other", 0},
-        {"a struct of a class's GUID", L"Invoke:Swallow", point(L"{9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20}"), ok, "other", 0},
-        {"an embedded NUL ends the text", L"Invoke:GiveText", number(kEmbeddedNul), ok, "text 1", 0},
-        {"an odd byte length", L"Invoke:GiveText", number(kOddBytes), ok, "text 2", 0},
-        {"a null BSTR is empty", L"Invoke:GiveText", number(kNullText), ok, "text 0", 0},
-        {"100,000 characters", L"Invoke:GiveText", number(kLongText), ok, "text 100000", 0},
-    };
     WithObject(kHostile, [&](CMetaObjectCOMHandler& handler) {
+        const Outcome child = Call(handler, L"Invoke:MakeChild");
+        IDispatch* const object = ObjectOf(child.result.get());
+        const auto cell = [](std::int32_t freeFirst, Param item) {  // a Garbage member's (freeFirst, cell)
+            return ParamList(Int(freeFirst), ByRef(std::move(item), kInOut));
+        };
+        const struct {
+            const char* label;
+            const wchar_t* key;
+            std::vector<Param> params;
+            MetaStatus status;
+            std::string result = "none";
+            std::uint32_t code = 65535;  // 0: not checked
+            ULONG lostReferences = 0;    // of the object in a cell
+        } rows[] = {
+            {"BSTR cell, freed and replaced by a valid text", L"Invoke:GarbageText", cell(2, Text(L"in")), failed},
+            {"VARIANT cell, cleared first", L"Invoke:GarbageVariant", cell(1, Text(L"in", L"VT_VARIANT")), failed},
+            {"object cell", L"Invoke:GarbageObject", cell(0, ObjectItem(object)), failed, "none", 65535, 1},
+            {"object cell, released first", L"Invoke:GarbageObject", cell(1, ObjectItem(object)), failed},
+            {"array cell, destroyed first", L"Invoke:GarbageArray", ParamList(Int(1), IntArray({{0, 3}}, kInOut)), failed},
+            {"a valid text and garbage in out cells", L"Invoke:GarbageOut",
+             ParamList(ByRef(Text(L""), kOut), ByRef(ObjectItem(nullptr), kOut)), failed},
+            {"a valid result of a failing call", L"Invoke:FailWithResult", ParamList(), failed, "none", 0},
+            {"a C++ exception out of Invoke", L"Invoke:Throw", ParamList(Int(kThrowInInvoke)), failed, "none",
+             kUntouchedCode},
+            {"no dimensions", L"Invoke:GiveArray", ParamList(Int(kNoDimensions)), ok, "none", 0},
+            {"65,535 dimensions", L"Invoke:GiveArray", ParamList(Int(kManyDimensions)), ok, "none", 0},
+            {"2^32 elements over 16 bytes", L"Invoke:GiveArray", ParamList(Int(kOverflowingCount)), ok, "none", 0},
+            {"2^31 elements over 16 bytes", L"Invoke:GiveArray", ParamList(Int(kNegativeCount)), ok, "none", 0},
+            {"a null array", L"Invoke:GiveArray", ParamList(Int(kNullArray)), ok, "none", 0},
+            {"an element that refers to itself", L"Invoke:GiveArray", ParamList(Int(kVariantHoldsItself)), ok, "array", 0},
+            {"no bounds", L"Invoke:Swallow", ParamList(IntArray({})), failed, "none", 0},
+            {"65,536 dimensions", L"Invoke:Swallow", ParamList(IntArray(Bounds(65536, {0, 1}))), failed, "none", 0},
+            {"101 dimensions", L"Invoke:Swallow", ParamList(IntArray(Bounds(101, {0, 1}))), failed, "none", 0},
+            {"a count left open, as a type library gives it", L"Invoke:Swallow", ParamList(IntArray({{0, -1}})), failed,
+             "none", 0},
+            {"2^32 elements", L"Invoke:Swallow", ParamList(IntArray({{0, 65536}, {0, 65536}})), failed, "none", 0},
+            {"a negative count", L"Invoke:Swallow", ParamList(IntArray({{0, -7}})), failed, "none", 0},
+            {"an empty dimension", L"Invoke:Swallow", ParamList(IntArray({{0, 0}})), ok, "other", 0},
+            {"a struct of no name", L"Invoke:Swallow", ParamList(NamedPoint(L"")), ok, "other", 0},
+            {"a struct of a class's GUID", L"Invoke:Swallow",
+             ParamList(NamedPoint(L"{9D4F1A60-2C7E-4B3A-8E51-6A0C2D9B4E20}")), ok, "other", 0},
+            {"an embedded NUL ends the text", L"Invoke:GiveText", ParamList(Int(kEmbeddedNul)), ok, "text 1", 0},
+            {"an odd byte length", L"Invoke:GiveText", ParamList(Int(kOddBytes)), ok, "text 2", 0},
+            {"a null BSTR is empty", L"Invoke:GiveText", ParamList(Int(kNullText)), ok, "text 0", 0},
+            {"100,000 characters", L"Invoke:GiveText", ParamList(Int(kLongText)), ok, "text 100000", 0},
+        };
         for (const auto& row : rows) {
             SCOPED_TRACE(row.label);
-            const std::vector<Param> params = row.args(handler);
             std::vector<std::string> held;
-            std::vector<ULONG> references;
-            for (const Param& param : params) {
+            const ULONG references = object ? RefCount(object) : 0;
+            for (const Param& param : row.params)
                 held.push_back(Held(param.get()));
-                references.push_back(ObjectOf(param.get()) ? RefCount(ObjectOf(param.get())) : 0);
-            }
-            const Outcome outcome = Call(handler, row.key, Items(params));
+            const Outcome outcome = Call(handler, row.key, Items(row.params));
             EXPECT_EQ(outcome.status, row.status);
             EXPECT_EQ(Kind(outcome.result.get()), row.result);
             if (row.code != 0) {
                 EXPECT_EQ(outcome.record.code, row.code);
             }
-            for (std::size_t at = 0; at < params.size(); ++at) {
-                EXPECT_EQ(Held(params[at].get()), held[at]);
-                IDispatch* const object = ObjectOf(params[at].get());
-                EXPECT_EQ(object ? RefCount(object) : 0, references[at] + (object ? row.lostReferences : 0));
-                for (ULONG lost = 0; object && lost < row.lostReferences; ++lost)
-                    object->Release();
-            }
+            for (std::size_t at = 0; at < row.params.size(); ++at)
+                EXPECT_EQ(Held(row.params[at].get()), held[at]);
+            EXPECT_EQ(object ? RefCount(object) : 0, references + row.lostReferences);
+            for (ULONG lost = 0; object && lost < row.lostReferences; ++lost)
+                object->Release();
         }
     });
 }

@@ -32,12 +32,6 @@ constexpr DWORD kHandleDrift = 4;
 const std::string kCallFixture = std::string("COM://") + FixtureValues::kProgIdNarrow;
 const std::string kCollectionFixture = std::string("COM://") + CollectionValues::kProgIdNarrow;
 
-std::int32_t IntOf(const CMetaObjectItem* item)
-{
-    const auto* number = dynamic_cast<const CMetaObjectInt*>(item);
-    return number ? number->value : -12345;
-}
-
 using Mix = std::minstd_rand;
 std::uint32_t Below(Mix& mix, std::uint32_t bound)
 {
@@ -156,7 +150,7 @@ protected:
             EXPECT_EQ(collection.NextElements(&slot, batch, items, &fetched), MetaStatusOk);
             for (CMetaObjectItem* item : items) {
                 if (dynamic_cast<CMetaObjectObject*>(item)) {
-                    EXPECT_EQ(IntOf(Call(ItemHandler(item), L"Get:Index").result.get()), std::int32_t(skip + walked));
+                    EXPECT_EQ(ValueText(Call(ItemHandler(item), L"Get:Index").result.get()), std::to_wstring(skip + walked));
                 }
                 ++walked;
                 item->Clear();
@@ -360,8 +354,8 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
                         raced->Release();
                         const Param row = Int(index), column = Int(round), value = Int(index * 1000 + round);
                         EXPECT_EQ(Call(*shared, L"Set:Cell", {row.get(), column.get(), value.get()}).status, MetaStatusOk);
-                        EXPECT_EQ(IntOf(Call(*shared, L"Get:Cell", {row.get(), column.get()}).result.get()),
-                                  index * 1000 + round);
+                        EXPECT_EQ(ValueText(Call(*shared, L"Get:Cell", {row.get(), column.get()}).result.get()),
+                                  std::to_wstring(index * 1000 + round));
                         EXPECT_EQ(Walk(collection, (index + round) % 4, 1, 12, 1), 1u);
                         // This thread's text on the shared handler, read after the others wrote theirs.
                         const std::string text = "thread " + std::to_string(index) + " round " + std::to_string(round);

@@ -10,7 +10,6 @@
 
 #include <cstring>
 #include <cwchar>
-#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -53,8 +52,6 @@ public:
     CHostileFixture() : CDualDispatch(kHostileLibraryResource)
     {
         types = LoadDualTypeInfo(kHostileLibraryResource, IID_IHostileFixture);
-        std::memset(&byRefCell, 0, sizeof byRefCell);
-        VariantInit(&self);
     }
     ~CHostileFixture() override
     {
@@ -157,17 +154,15 @@ private:
 
     HRESULT GiveType(LONG asked, VARIANT& out)
     {
-        // A VARIANT that refers to itself: a reader that follows by-reference
-        // VARIANTs never comes back.
+        // A reader that follows by-reference VARIANTs never comes back from this one.
         self.vt = VT_BYREF | VT_VARIANT;
         self.pvarVal = &self;
         const auto vt = static_cast<VARTYPE>(asked == kNullByRef ? VT_BYREF | VT_I4 : asked == kSelfByRef ? self.vt : asked);
         out.vt = vt;
         if (asked < 0) {
             out.byref = asked == kSelfByRef ? &self : nullptr;
-        } else if (vt & VT_BYREF) {
-            // Zeros are a valid value of every type, and the cell stays the object's.
-            out.byref = (vt & VT_ARRAY) ? static_cast<void*>(&cellArray) : static_cast<void*>(&byRefCell);
+        } else if (vt & VT_BYREF) {  // the cell stays the object's
+            out.byref = (vt & VT_ARRAY) ? static_cast<void*>(&cellArray) : static_cast<void*>(byRefCell);
         } else if (vt & VT_ARRAY) {
             out.parray = SafeArrayCreateVector(vt & VT_TYPEMASK, 0, 2);
         } else if (vt == VT_BSTR) {
@@ -223,14 +218,9 @@ private:
     }
 
     volatile LONG throwOnQuery = 0;
-    // What by-reference results point at: zeros, a valid value of every type.
-    union {
-        VARIANT variant;
-        DECIMAL decimal;
-        BYTE bytes[32];
-    } byRefCell;
+    alignas(16) BYTE byRefCell[32] = {};  // what by-reference results point at: zeros, valid in every type
     SAFEARRAY* cellArray = nullptr;
-    VARIANT self;
+    VARIANT self = {};
 };
 
 }  // namespace
@@ -238,9 +228,7 @@ private:
 HRESULT CreateHostileFixture(REFIID iid, void** out)
 {
     *out = nullptr;
-    auto* fixture = new (std::nothrow) CHostileFixture;
-    if (!fixture)
-        return E_OUTOFMEMORY;
+    auto* fixture = new CHostileFixture;
     auto owner = ComPtr<IDispatch>::Adopt(fixture);
     if (!fixture->Ready())
         return E_FAIL;
