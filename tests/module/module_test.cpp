@@ -4,6 +4,7 @@
 #include <objbase.h>
 
 #include <algorithm>
+#include <cwchar>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -110,21 +111,16 @@ std::wstring g_requests;
 
 HRESULT WINAPI RecordClassObjectRequest(REFCLSID, DWORD context, COSERVERINFO* server, REFIID, void** out)
 {
-    auto text = [](const void* units, ULONG length) {
-        return units ? std::wstring(static_cast<const wchar_t*>(units), length) : std::wstring(L"-");
-    };
-    g_requests += L"[context " + std::to_wstring(context);
-    if (server) {
-        g_requests += std::wstring(L" on ") + (server->pwszName ? server->pwszName : L"-");
-        if (const COAUTHINFO* auth = server->pAuthInfo) {
-            const COAUTHIDENTITY* id = auth->pAuthIdentityData;
-            g_requests += L" authn " + std::to_wstring(auth->dwAuthnSvc) + L" level " +
-                          std::to_wstring(auth->dwImpersonationLevel) + L" " + text(id->Domain, id->DomainLength) +
-                          L"\\" + text(id->User, id->UserLength) + L":" + text(id->Password, id->PasswordLength) +
-                          L" flags " + std::to_wstring(id->Flags);
-        }
-    }
-    g_requests += L"]";
+    wchar_t text[512];
+    const COAUTHINFO* auth = server ? server->pAuthInfo : nullptr;
+    const COAUTHIDENTITY* id = auth ? auth->pAuthIdentityData : nullptr;
+    if (id)
+        swprintf(text, 512, L"[context %lu on %ls authn %lu level %lu %.*ls\\%.*ls:%.*ls flags %lu]", context,
+                 server->pwszName, auth->dwAuthnSvc, auth->dwImpersonationLevel, int(id->DomainLength), id->Domain,
+                 int(id->UserLength), id->User, int(id->PasswordLength), id->Password, id->Flags);
+    else
+        swprintf(text, 512, L"[context %lu%ls]", context, server ? L" on a server without credentials" : L"");
+    g_requests += text;
     *out = nullptr;
     return CO_E_SERVER_EXEC_FAILURE;  // as a machine that can't be reached answers
 }
