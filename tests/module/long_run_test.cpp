@@ -39,34 +39,23 @@ std::uint32_t Below(Mix& mix, std::uint32_t bound)
 }
 
 // Handles the process has open. Wine's GetProcessHandleCount answers 0, so the
-// system's handle table (class 16, entries as ntdll lays them out) is counted.
+// system's handle table is counted instead.
 DWORD OpenHandleCount()
 {
     DWORD count = 0;
     if (GetProcessHandleCount(GetCurrentProcess(), &count) && count != 0)
         return count;
-    struct Entry {
-        ULONG ownerProcess;
-        BYTE objectType, flags;
-        USHORT handle;
-        void* object;
-        ACCESS_MASK access;
-    };
-    using QueryFn = NTSTATUS(WINAPI*)(ULONG, void*, ULONG, ULONG*);
-    const auto query = reinterpret_cast<QueryFn>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
     std::vector<BYTE> buffer(1 << 16);
-    for (int attempt = 0; query && attempt < 8; ++attempt, buffer.resize(buffer.size() * 4)) {
-        ULONG needed = 0;
-        if (query(16, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) < 0)
-            continue;
-        const ULONG entries = *reinterpret_cast<const ULONG*>(buffer.data());
-        const auto* entry = reinterpret_cast<const Entry*>(buffer.data() + sizeof(void*));
-        for (ULONG at = 0; at < entries; ++at)
-            count += entry[at].ownerProcess == GetCurrentProcessId() ? 1 : 0;
-        return count;
+    ULONG needed = 0;
+    while (NtQuerySystemInformation(SystemHandleInformation, buffer.data(), ULONG(buffer.size()), &needed) < 0) {
+        if (buffer.size() > (1u << 26))
+            return 0;
+        buffer.resize(buffer.size() * 4);
     }
-    return 0;
+    const auto* table = reinterpret_cast<const SYSTEM_HANDLE_INFORMATION*>(buffer.data());
+    for (ULONG at = 0; at < table->Count; ++at)
+        count += table->Handle[at].OwnerPid == GetCurrentProcessId() ? 1 : 0;
+    return count;
 }
 
 DWORD WINAPI RunBody(void* body)

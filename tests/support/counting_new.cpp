@@ -1,6 +1,5 @@
 // Replaces the global operator new and delete of the binary that links it with
 // counting ones, so tests can see that a scenario gives back every block it took.
-// The runtime's array, nothrow and sized forms call these two.
 
 #include "tests/support/counting_new.h"
 
@@ -13,24 +12,36 @@ namespace {
 
 volatile LONG g_liveBlocks = 0;
 
-}  // namespace
-
-void* operator new(std::size_t size)
+void* Take(std::size_t size) noexcept
 {
     void* block = std::malloc(size == 0 ? 1 : size);
-    if (block == nullptr)
-        throw std::bad_alloc();
-    InterlockedIncrement(&g_liveBlocks);
+    if (block != nullptr)
+        InterlockedIncrement(&g_liveBlocks);
     return block;
 }
 
-void operator delete(void* block) noexcept
+void Give(void* block) noexcept
 {
     if (block != nullptr)
         InterlockedDecrement(&g_liveBlocks);
     std::free(block);
 }
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+
+}  // namespace
+
+void* operator new(std::size_t size)
+{
+    if (void* block = Take(size))
+        return block;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Take(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Take(size); }
+void operator delete(void* block) noexcept { Give(block); }
+void operator delete[](void* block) noexcept { Give(block); }
+void operator delete(void* block, std::size_t) noexcept { Give(block); }
+void operator delete[](void* block, std::size_t) noexcept { Give(block); }
 
 long LiveHeapBlocks()
 {
