@@ -152,17 +152,24 @@ protected:
     }
 };
 
-// Mixed operations chosen with a fixed seed, on a few handlers kept open.
-class LongRunTest : public StressTest {
-protected:
-    struct Step {
-        std::uint32_t weight;
-        std::function<void(Mix&)> run;
-    };
+using LongRunTest = StressTest;
 
-    CMetaObjectCOMHandler& Some(const std::string& identity, Mix& mix, bool fresh = false,
-                                CObjectOpenParams* params = nullptr)
-    {
+// Mixed operations chosen with a fixed seed, on a few handlers kept open.
+TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
+{
+    CCountingDispatch witness;  // passed in and out by calls; only its creator's reference stays
+    IDispatch* const witnessed = &witness;
+    std::vector<std::pair<std::string, CMetaObjectCOMHandler*>> open;
+    Mix mix(20240611);
+    const auto number = [&] { return static_cast<std::int32_t>(Below(mix, 100000)) - 50000; };
+    const auto closeOne = [&] {
+        const auto at = open.begin() + Below(mix, static_cast<std::uint32_t>(open.size()));
+        Close(at->second);
+        open.erase(at);
+    };
+    // One of the handlers open on identity, or a new one.
+    const auto some = [&](const std::string& identity, bool fresh = false,
+                          CObjectOpenParams* params = nullptr) -> CMetaObjectCOMHandler& {
         std::vector<CMetaObjectCOMHandler*> found;
         for (const auto& entry : open) {
             if (entry.first == identity)
@@ -171,101 +178,78 @@ protected:
         if (!found.empty() && !fresh)
             return *found[Below(mix, static_cast<std::uint32_t>(found.size()))];
         if (open.size() >= 6)
-            CloseOne(mix);
+            closeOne();
         open.emplace_back(identity, OpenNew(identity, params));
         return *open.back().second;
-    }
-
-    void CloseOne(Mix& mix)
-    {
-        if (open.empty())
-            return;
-        const auto at = open.begin() + Below(mix, static_cast<std::uint32_t>(open.size()));
-        Close(at->second);
-        open.erase(at);
-    }
-
-    void CallRow(Mix& mix)
-    {
-        enum Expect { kOk, kFails, kEither };
-        const auto number = [&mix] { return static_cast<std::int32_t>(Below(mix, 100000)) - 50000; };
-        IDispatch* const witnessed = &witness;
-        const struct {
-            const wchar_t* key;
-            std::function<std::vector<Param>()> params;
-            Expect expect;
-        } rows[] = {
-            {L"Invoke:EchoBstr", [&] { return ParamList(Text(std::to_wstring(number()).c_str())); }, kOk},
-            {L"Set:Cell", [&] { return ParamList(Int(number()), Int(7), Int(number())); }, kOk},
-            {L"Invoke:RefI4", [] { return ParamList(ByRef(Int(41), kInOut)); }, kOk},
-            {L"Invoke:OutR8", [] { return ParamList(ByRef(Real(0), kOut)); }, kOk},
-            {L"Invoke:RefVariant", [] { return ParamList(ByRef(Text(L"abc", L"VT_VARIANT"), kInOut)); }, kOk},
-            {L"Invoke:RefDispatch", [&] { return ParamList(ByRef(ObjectItem(witnessed), kInOut)); }, kOk},
-            {L"Invoke:EchoDispatch", [&] { return ParamList(ObjectItem(witnessed)); }, kOk},
-            {L"Invoke:OutDispatch", [&] { return ParamList(ByRef(ObjectItem(nullptr), kOut)); }, kOk},
-            {L"Invoke:SumPoint", [&] { return ParamList(Point(number(), 4)); }, kOk},
-            {L"Invoke:FailWithGarbage", [] { return ParamList(ByRef(Int(11), kOut), ByRef(Real(2.5), kOut)); }, kFails},
-            {L"Invoke:Throw", [] { return ParamList(); }, kFails},
-            {L"Invoke:NoSuchMember", [] { return ParamList(); }, kFails},
-            {L"Invoke:MakeChild", [] { return ParamList(); }, kOk},
-            {L"Invoke:Shape", [&] { return ParamList(Int(Below(mix, FixtureValues::ShapeRowCount))); }, kEither},
-        };
-        const auto& row = rows[Below(mix, sizeof rows / sizeof rows[0])];
-        SCOPED_TRACE(Narrow(CMetaString(row.key)));
-        const std::vector<Param> params = row.params();
-        const Outcome outcome = Call(Some(kCallFixture, mix), row.key, Items(params));
-        if (row.expect != kEither) {
-            EXPECT_EQ(outcome.status, row.expect == kOk ? MetaStatusOk : MetaStatusInvokeFailed);
-        }
-    }
-
-    std::vector<Step> Steps()
-    {
-        IDispatch* const witnessed = &witness;
-        return {
-            {18, [=](Mix& mix) {
-                 const wchar_t* const monikers[] = {nullptr, L"new:ComHandlerTest.CallFixture", L""};
-                 CObjectOpenParams params;
-                 const wchar_t* moniker = monikers[Below(mix, 3)];
-                 params.moniker = CMetaString(moniker ? moniker : L"");
-                 params.useRunningObject = moniker && !*moniker ? 1 : 0;  // the fixture of the running object table
-                 Some(moniker || Below(mix, 2) ? kCallFixture : kCollectionFixture, mix, true, moniker ? &params : nullptr);
-             }},
-            {12, [=](Mix& mix) { CloseOne(mix); }},
-            {60, [=](Mix& mix) { CallRow(mix); }},
-            // Objects held and set as a property are let go of in the same step.
-            {6, [=](Mix& mix) {
-                 CMetaObjectCOMHandler& fixture = Some(kCallFixture, mix);
-                 const Param in = ObjectItem(witnessed);
-                 EXPECT_EQ(Call(fixture, L"Invoke:Hold", {in.get()}).status, MetaStatusOk);
-                 EXPECT_EQ(Call(fixture, L"Setref:Target", {in.get()}).status, MetaStatusOk);
-                 EXPECT_EQ(ObjectOf(Call(fixture, L"Get:Target").result.get()), witnessed);
-                 EXPECT_EQ(Call(fixture, L"Invoke:DropHeld").status, MetaStatusOk);
-             }},
-            // Walks of collections that misbehave as the module allows.
-            {7, [=](Mix& mix) {
-                 using namespace CollectionValues;
-                 constexpr std::int32_t kFlags[] = {kPlain, kObjects, kUnknowns, kShortBatches, kNoFetched, kOddTypes};
-                 const std::int32_t flags = kFlags[Below(mix, 6)];
-                 const auto size = static_cast<std::int32_t>(Below(mix, 40));
-                 const Param flagsItem = Int(flags), sizeItem = Int(size);
-                 const Outcome made = Call(Some(kCollectionFixture, mix), L"Invoke:Make", {flagsItem.get(), sizeItem.get()});
-                 ASSERT_NE(ObjectOf(made.result.get()), nullptr);
-                 const std::uint32_t skip = Below(mix, 3);
-                 const std::uint32_t walked = Walk(ItemHandler(made.result.get()), skip, 1 + Below(mix, 16), size);
-                 if (!(flags & kOddTypes)) {
-                     EXPECT_EQ(walked, static_cast<std::uint32_t>(std::max<std::int32_t>(size - skip, 0)));
-                 }
-             }},
-        };
-    }
-
-    std::vector<std::pair<std::string, CMetaObjectCOMHandler*>> open;
-    CCountingDispatch witness;  // passed in and out by calls; only its creator's reference stays
-};
-
-TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
-{
+    };
+    using Step = std::pair<double, std::function<void()>>;  // a weight, and what it does
+    enum Expect { kOk, kFails, kEither };
+    const auto call = [&](const wchar_t* key, std::function<std::vector<Param>()> params, Expect expect = kOk) {
+        return Step{4, [=, &some] {
+            SCOPED_TRACE(Narrow(CMetaString(key)));
+            const std::vector<Param> made = params();
+            const Outcome outcome = Call(some(kCallFixture), key, Items(made));
+            if (expect != kEither) {
+                EXPECT_EQ(outcome.status, expect == kOk ? MetaStatusOk : MetaStatusInvokeFailed);
+            }
+        }};
+    };
+    const std::vector<Step> steps = {
+        {18, [&] {
+             const wchar_t* const monikers[] = {nullptr, L"new:ComHandlerTest.CallFixture", L""};
+             CObjectOpenParams params;
+             const wchar_t* moniker = monikers[Below(mix, 3)];
+             params.moniker = CMetaString(moniker ? moniker : L"");
+             params.useRunningObject = moniker && !*moniker ? 1 : 0;  // the fixture of the running object table
+             some(moniker || Below(mix, 2) ? kCallFixture : kCollectionFixture, true, moniker ? &params : nullptr);
+         }},
+        {12, [&] {
+             if (!open.empty())
+                 closeOne();
+         }},
+        call(L"Invoke:EchoBstr", [&] { return ParamList(Text(std::to_wstring(number()).c_str())); }),
+        call(L"Set:Cell", [&] { return ParamList(Int(number()), Int(7), Int(number())); }),
+        call(L"Invoke:RefI4", [] { return ParamList(ByRef(Int(41), kInOut)); }),
+        call(L"Invoke:OutR8", [] { return ParamList(ByRef(Real(0), kOut)); }),
+        call(L"Invoke:RefVariant", [] { return ParamList(ByRef(Text(L"abc", L"VT_VARIANT"), kInOut)); }),
+        call(L"Invoke:RefDispatch", [&] { return ParamList(ByRef(ObjectItem(witnessed), kInOut)); }),
+        call(L"Invoke:EchoDispatch", [&] { return ParamList(ObjectItem(witnessed)); }),
+        call(L"Invoke:OutDispatch", [&] { return ParamList(ByRef(ObjectItem(nullptr), kOut)); }),
+        call(L"Invoke:SumPoint", [&] { return ParamList(Point(number(), 4)); }),
+        call(L"Invoke:FailWithGarbage", [] { return ParamList(ByRef(Int(11), kOut), ByRef(Real(2.5), kOut)); }, kFails),
+        call(L"Invoke:Throw", [] { return ParamList(); }, kFails),
+        call(L"Invoke:NoSuchMember", [] { return ParamList(); }, kFails),
+        call(L"Invoke:MakeChild", [] { return ParamList(); }),
+        call(L"Invoke:Shape", [&] { return ParamList(Int(Below(mix, FixtureValues::ShapeRowCount))); }, kEither),
+        // Objects held and set as a property are let go of in the same step.
+        {6, [&] {
+             CMetaObjectCOMHandler& fixture = some(kCallFixture);
+             const Param in = ObjectItem(witnessed);
+             EXPECT_EQ(Call(fixture, L"Invoke:Hold", {in.get()}).status, MetaStatusOk);
+             EXPECT_EQ(Call(fixture, L"Setref:Target", {in.get()}).status, MetaStatusOk);
+             EXPECT_EQ(ObjectOf(Call(fixture, L"Get:Target").result.get()), witnessed);
+             EXPECT_EQ(Call(fixture, L"Invoke:DropHeld").status, MetaStatusOk);
+         }},
+        // Walks of collections that misbehave as the module allows.
+        {7, [&] {
+             using namespace CollectionValues;
+             constexpr std::int32_t kFlags[] = {kPlain, kObjects, kUnknowns, kShortBatches, kNoFetched, kOddTypes};
+             const std::int32_t flags = kFlags[Below(mix, 6)];
+             const auto size = static_cast<std::int32_t>(Below(mix, 40));
+             const Param flagsItem = Int(flags), sizeItem = Int(size);
+             const Outcome made = Call(some(kCollectionFixture), L"Invoke:Make", {flagsItem.get(), sizeItem.get()});
+             ASSERT_NE(ObjectOf(made.result.get()), nullptr);
+             const std::uint32_t skip = Below(mix, 3);
+             const std::uint32_t walked = Walk(ItemHandler(made.result.get()), skip, 1 + Below(mix, 16), size);
+             if (!(flags & kOddTypes)) {
+                 EXPECT_EQ(walked, static_cast<std::uint32_t>(std::max<std::int32_t>(size - skip, 0)));
+             }
+         }},
+    };
+    std::vector<double> weights;
+    for (const Step& step : steps)
+        weights.push_back(step.first);
+    std::discrete_distribution<std::size_t> pick(weights.begin(), weights.end());
     RunInitialised([&] {
         CLSID classId;
         ComPtr<IDispatch> running;  // the fixture in the running object table
@@ -275,18 +259,13 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
         ASSERT_EQ(RegisterActiveObject(running.Get(), classId, ACTIVEOBJECT_STRONG, &cookie), S_OK);
         const ULONG runningReferences = RefCount(running.Get());
         const long liveObjects = server.LiveObjects();
-        const std::vector<Step> steps = Steps();
-        std::uint32_t total = 0;
-        for (const Step& step : steps)
-            total += step.weight;
-        Mix mix(20240611);
         const auto pass = [&](int operations, const std::function<std::size_t(int)>& choose) {
             RunOnThread([&] {
                 ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
                 for (int operation = 0; operation < operations && !HasFatalFailure(); ++operation) {
                     const std::size_t chosen = choose(operation);
                     SCOPED_TRACE("operation " + std::to_string(operation) + ", step " + std::to_string(chosen));
-                    steps[chosen].run(mix);
+                    steps[chosen].second();
                     // What calls returned is freed once unused, as a host's idle pass does.
                     host.FreeReleasedHandlers(module->FreeHandlerObject);
                 }
@@ -299,15 +278,9 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
             });
         };
         // Each step a few times first, so the platform's caches exist before counting.
-        pass(static_cast<int>(20 * steps.size()), [](int operation) { return operation / 20; });
+        pass(static_cast<int>(5 * steps.size()), [](int operation) { return operation / 5; });
         Rounds(10, 2, [&] {
-            pass(1000, [&](int) {
-                std::uint32_t at = Below(mix, total);
-                std::size_t chosen = 0;
-                for (; at >= steps[chosen].weight; ++chosen)
-                    at -= steps[chosen].weight;
-                return chosen;
-            });
+            pass(1000, [&](int) { return pick(mix); });
             EXPECT_EQ(server.LiveObjects(), liveObjects);
             EXPECT_EQ(RefCount(running.Get()), runningReferences);
             EXPECT_EQ(witness.References(), 1);
