@@ -70,7 +70,6 @@ TEST_F(HostileTest, IdentitiesMonikersAndRunningObjects)
 // <@VARPARAM> tags in their three forms, and ones the host's field can't hold.
 TEST_F(HostileTest, VarParamTags)
 {
-    const std::wstring longName(200, L'v');
     const struct {
         std::wstring tag;
         bool parsed;
@@ -80,7 +79,7 @@ TEST_F(HostileTest, VarParamTags)
         {L"<@VARPARAM SCOPE='sc' NAME='nm'>", true, L"nm", L"sc"},
         {L"<@VARPARAM NAME=nm SCOPE=sc>", true, L"nm", L"sc"},
         {L"<@VARPARAM XNAME=b>", true, L"b", L"before"},
-        {L"<@VARPARAM NAME=\"" + longName + L"\">", false, L"before", L"before"},
+        {L"<@VARPARAM NAME=\"" + std::wstring(200, L'v') + L"\">", false, L"before", L"before"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(Narrow(CMetaString(row.tag.c_str())));
@@ -184,8 +183,6 @@ std::string Kind(const CMetaObjectItem* item)
         return "text " + std::to_string(text->value.IsEmpty() ? 0 : std::wcslen(text->value.GetWide()));
     if (dynamic_cast<const CMetaObjectUnknown*>(item))
         return "unknown";
-    if (ObjectOf(item))
-        return "object";
     return dynamic_cast<const CMetaObjectArray*>(item) ? "array" : "other";
 }
 
@@ -341,8 +338,7 @@ TEST_F(HostileTest, EveryNthQueryInterfaceFails)
                     const Param asked = Int(vt);
                     const Outcome outcome = Call(*handler, L"Invoke:GiveType", {asked.get()});
                     EXPECT_EQ(outcome.status == MetaStatusOk, outcome.record.code == 1);
-                    const Outcome child = Call(*handler, L"Invoke:MakeChild");
-                    EXPECT_EQ(child.status == MetaStatusOk, child.result != nullptr);
+                    EXPECT_EQ(outcome.status == MetaStatusOk, outcome.result != nullptr);
                 }
                 EXPECT_EQ(handler->Release(), MetaStatusClosed);
                 host.FreeReleasedHandlers(module->FreeHandlerObject);

@@ -9,7 +9,6 @@
 #include <string>
 #include <utility>
 
-#include "contract/handler_base.h"
 #include "platform/handler_info.h"
 #include "tests/module/call_harness.h"
 #include "tests/probe/probe_test.h"
@@ -77,18 +76,15 @@ TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
 TEST_F(HandlerTest, NewHandlersRegisterWithTheHost)
 {
     RunInitialised([&] {
-        CMetaObjectHandler* first = module->GetHandlerObject();
-        CMetaObjectHandler* second = module->GetHandlerObject();
+        CMetaObjectHandler* handler = module->GetHandlerObject();
         const auto registrations = host.Registrations();
-        ASSERT_EQ(registrations.size(), 2u);
-        EXPECT_EQ(registrations[0].handler, first);
-        EXPECT_EQ(registrations[1].handler, second);
+        ASSERT_EQ(registrations.size(), 1u);
+        EXPECT_EQ(registrations[0].handler, handler);
         EXPECT_EQ(registrations[0].module, module->Handle());
-        EXPECT_EQ(first->GetUseCount(), 1u);
-        EXPECT_FALSE(first->IsOpen());
-        EXPECT_EQ(first->GetHandlerInfo(), module->GetHandlerInfo());
-        for (CMetaObjectHandler* handler : {first, second})
-            EXPECT_EQ(handler->Release(), MetaStatusClosed);
+        EXPECT_EQ(handler->GetUseCount(), 1u);
+        EXPECT_FALSE(handler->IsOpen());
+        EXPECT_EQ(handler->GetHandlerInfo(), module->GetHandlerInfo());
+        EXPECT_EQ(handler->Release(), MetaStatusClosed);
         host.FreeReleasedHandlers(module->FreeHandlerObject);
     });
 }

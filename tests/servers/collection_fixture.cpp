@@ -225,10 +225,8 @@ HRESULT CreateCollectionFixture(REFIID iid, void** out)
 {
     ICollectionFixture* maker = nullptr;
     const HRESULT hr = CreateDual<CMaker>(&maker);
-    if (FAILED(hr))
-        return hr;
     auto owner = ComPtr<ICollectionFixture>::Adopt(maker);
-    return owner->QueryInterface(iid, out);
+    return FAILED(hr) ? hr : owner->QueryInterface(iid, out);
 }
 
 LONG LiveCollectionObjects()

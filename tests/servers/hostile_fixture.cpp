@@ -34,8 +34,7 @@ VARIANT* Argument(DISPPARAMS* params, UINT index)
 
 LONG LongArgument(DISPPARAMS* params, UINT index)
 {
-    VARIANT copy;
-    VariantInit(&copy);
+    VARIANT copy = {};
     VARIANT* argument = Argument(params, index);
     return argument && SUCCEEDED(VariantChangeType(&copy, argument, 0, VT_I4)) ? copy.lVal : -100;
 }
@@ -81,8 +80,7 @@ public:
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result, EXCEPINFO*,
                                      UINT*) override
     {
-        VARIANT ignored;
-        VariantInit(&ignored);
+        VARIANT ignored = {};
         VARIANT& out = result ? *result : ignored;
         const LONG number = LongArgument(params, 0);
         switch (id) {
@@ -109,8 +107,15 @@ public:
             return GiveType(number, out);
         case 11:
             return GiveArray(number, out);
-        case 12:
-            return GiveText(number, out);
+        case 12:  // GiveText; kNullText leaves a null BSTR
+            out.vt = VT_BSTR;
+            if (number == kEmbeddedNul)
+                out.bstrVal = SysAllocStringLen(L"a\0b", 3);
+            else if (number == kOddBytes)
+                out.bstrVal = SysAllocStringByteLen("abc", 3);
+            else if (number == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
+                std::wmemset(out.bstrVal, L'x', kLongTextLength);
+            return S_OK;
         case 13:  // MakeChild
             return GiveType(VT_DISPATCH, out);
         case 14:  // Throw
@@ -203,18 +208,6 @@ private:
         out.vt = (shape == kVariantHoldsItself ? VT_VARIANT : VT_I4) | VT_ARRAY;
         out.parray = array;
         return S_OK;
-    }
-
-    static HRESULT GiveText(LONG which, VARIANT& out)
-    {
-        out.vt = VT_BSTR;
-        if (which == kEmbeddedNul)
-            out.bstrVal = SysAllocStringLen(L"a\0b", 3);
-        else if (which == kOddBytes)
-            out.bstrVal = SysAllocStringByteLen("abc", 3);
-        else if (which == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
-            std::wmemset(out.bstrVal, L'x', kLongTextLength);
-        return S_OK;  // kNullText: a null BSTR
     }
 
     volatile LONG throwOnQuery = 0;
