@@ -4,7 +4,6 @@
 #include <oleauto.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -54,13 +53,10 @@ Batch Next(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t co
     return batch;
 }
 
+const std::string kMaker = std::string("COM://") + kProgIdNarrow;
+
 class CollectionTest : public CallTest {
 protected:
-    void WithMaker(const std::function<void(CMetaObjectCOMHandler&)>& body)
-    {
-        WithObject(std::string("COM://") + kProgIdNarrow, body);
-    }
-
     Result Make(CMetaObjectCOMHandler& maker, std::int32_t flags, std::int32_t size)
     {
         Param flagsItem = Int(flags), sizeItem = Int(size);
@@ -74,7 +70,7 @@ protected:
 // handlers and outlive theirs; past the end is a success; failing enumerators.
 TEST_F(CollectionTest, SlotsAndTheirStatuses)
 {
-    WithMaker([&](CMetaObjectCOMHandler& maker) {
+    WithObject(kMaker, [&](CMetaObjectCOMHandler& maker) {
         Result collection = Make(maker, kPlain, 10);
         CMetaObjectCOMHandler& handler = ItemHandler(collection.get());
         IEnumVARIANT* slot = nullptr;
@@ -181,7 +177,7 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
         {"objects", kObjects, 3, 3, 0, 2, "[other other]"},
         {"objects as VT_UNKNOWN", kUnknowns, 3, 3, 0, 2, "[other other]"},
     };
-    WithMaker([&](CMetaObjectCOMHandler& maker) {
+    WithObject(kMaker, [&](CMetaObjectCOMHandler& maker) {
         for (const auto& row : rows) {
             SCOPED_TRACE(row.name);
             Result collection = Make(maker, row.flags, row.size);

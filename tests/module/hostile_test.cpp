@@ -1,7 +1,6 @@
 // Hostile input from scripts and from servers that break the rules.
 
 #include <cwchar>
-#include <functional>
 #include <string>
 #include <vector>
 

@@ -88,7 +88,7 @@ void RunThreadsWithWatchdog(const std::vector<std::function<void()>>& bodies, DW
 
 class StressTest : public ProbeTest {
 protected:
-    void Rounds(int rounds, int settle, const std::function<void()>& round, bool handles)
+    void Rounds(int rounds, int settle, const std::function<void()>& round)
     {
         long settledBlocks = 0;
         DWORD settledHandles = 0;
@@ -105,9 +105,7 @@ protected:
                 continue;
             }
             EXPECT_LE(std::labs(blocks - settledBlocks), kBlockDrift);
-            if (handles) {
-                EXPECT_LE(handleCount, settledHandles + kHandleDrift);
-            }
+            EXPECT_LE(handleCount, settledHandles + kHandleDrift);
         }
     }
 
@@ -284,7 +282,7 @@ TEST_F(LongRunTest, EveryRoundGivesBackWhatItTook)
             EXPECT_EQ(server.LiveObjects(), liveObjects);
             EXPECT_EQ(RefCount(running.Get()), runningReferences);
             EXPECT_EQ(witness.References(), 1);
-        }, true);
+        });
         RevokeActiveObject(cookie, nullptr);
     });
 }
@@ -340,7 +338,7 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
             host.ClearRecords();
         });
         EXPECT_EQ(server.LiveObjects(), liveBefore);
-    }, false);
+    });
 }
 
 }  // namespace

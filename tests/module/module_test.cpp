@@ -146,11 +146,12 @@ TEST_F(HandlerTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
     });
 }
 
-TEST_F(ProbeTest, AThreadsEndFreesItsErrorTexts)
+// A thread's end frees its error texts; a new call in a used slot frees the old one.
+TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
 {
     CMetaObjectHandler* first = module->GetHandlerObject();
     CMetaObjectHandler* second = module->GetHandlerObject();
-    const LONG before = liveBlocks();
+    LONG before = liveBlocks();
     RunOnThread([&] {
         setErrorText(first, "Could not load type library");
         EXPECT_TRUE(second->GetErrorText().IsEmpty());
@@ -159,23 +160,17 @@ TEST_F(ProbeTest, AThreadsEndFreesItsErrorTexts)
     });
     EXPECT_EQ(liveBlocks(), before);
     EXPECT_TRUE(first->GetErrorText().IsEmpty());  // not seen on this thread
+
+    CCOMMethodInvoke* slot = nullptr;
+    first->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
+    first->FreeMethodInvoke(&slot);
+    before = liveBlocks();
+    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
+        EXPECT_EQ(first->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
+    first->FreeMethodInvoke(&slot);
+    EXPECT_EQ(liveBlocks(), before);
     for (CMetaObjectHandler* handler : {first, second})
         handler->Release();
-    host.FreeReleasedHandlers(module->FreeHandlerObject);
-}
-
-TEST_F(ProbeTest, ANewCallInAUsedSlotFreesTheOldOne)
-{
-    CMetaObjectHandler* handler = module->GetHandlerObject();
-    CCOMMethodInvoke* slot = nullptr;
-    handler->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
-    handler->FreeMethodInvoke(&slot);
-    const LONG before = liveBlocks();
-    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
-        EXPECT_EQ(handler->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
-    handler->FreeMethodInvoke(&slot);
-    EXPECT_EQ(liveBlocks(), before);
-    handler->Release();
     host.FreeReleasedHandlers(module->FreeHandlerObject);
 }
 
