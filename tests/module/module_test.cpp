@@ -22,8 +22,9 @@ namespace {
 using HandlerTest = CallTest;
 
 // Refused without a module handle, or on a thread whose COM is up: then COM
-// stays as the thread had it and the record stays empty.
-TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
+// stays as the thread had it and the record stays empty. Accepted, it brings
+// COM up and fills the record, and CleanUpHandler ends COM.
+TEST_F(ModuleTest, InitHandlerAndCleanUp)
 {
     for (DWORD apartment : {0ul, DWORD{COINIT_APARTMENTTHREADED}, DWORD{COINIT_MULTITHREADED}}) {
         SCOPED_TRACE(apartment);
@@ -46,10 +47,6 @@ TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
         });
         EXPECT_EQ(module->GetHandlerInfo()->GetHandlerName(), nullptr);
     }
-}
-
-TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
-{
     RunOnThread([&] {
         ASSERT_TRUE(module->InitHandler(module->Handle()));
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);  // up for the multithreaded apartment
@@ -71,22 +68,6 @@ TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
     EXPECT_EQ(info->GetModuleDirectory(), fullPath.substr(0, fullPath.find_last_of('\\')));
     EXPECT_EQ(info->smallIcon, nullptr);  // the module ships no icon
     EXPECT_EQ(info->standardIcon, nullptr);
-}
-
-TEST_F(HandlerTest, NewHandlersRegisterWithTheHost)
-{
-    RunInitialised([&] {
-        CMetaObjectHandler* handler = module->GetHandlerObject();
-        const auto registrations = host.Registrations();
-        ASSERT_EQ(registrations.size(), 1u);
-        EXPECT_EQ(registrations[0].handler, handler);
-        EXPECT_EQ(registrations[0].module, module->Handle());
-        EXPECT_EQ(handler->GetUseCount(), 1u);
-        EXPECT_FALSE(handler->IsOpen());
-        EXPECT_EQ(handler->GetHandlerInfo(), module->GetHandlerInfo());
-        EXPECT_EQ(handler->Release(), MetaStatusClosed);
-        host.FreeReleasedHandlers(module->FreeHandlerObject);
-    });
 }
 
 // Freeing a handler that is still open leaves its object's reference.
@@ -195,7 +176,10 @@ TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
             CMetaObjectHandler* describer = module->GetHandlerObject();
             ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
             ASSERT_EQ(Narrow(describer->GetErrorText()), "Could not load type library");
-            if (at == 0) {  // the text is this thread's, and the handler's next operation clears it
+            if (at == 0) {  // a new handler registers; its text is this thread's, and its next operation clears it
+                EXPECT_EQ(host.Registrations().back().handler, describer);
+                EXPECT_EQ(host.Registrations().back().module, module->Handle());
+                EXPECT_EQ(describer->GetHandlerInfo(), module->GetHandlerInfo());
                 std::string elsewhere = "not read";
                 RunOnThread([&] { elsewhere = Narrow(describer->GetErrorText()); });
                 EXPECT_EQ(elsewhere, "");
