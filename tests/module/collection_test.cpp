@@ -17,6 +17,13 @@ namespace {
 
 // The items of one NextElements, freed through the handler that made them.
 struct Batch {
+    Batch(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t count)
+    {
+        CItemList list;
+        status = handler.NextElements(slot, count, list, &fetched);
+        for (CMetaObjectItem* item : list)
+            items.emplace_back(item, ResultDeleter{&handler});
+    }
     MetaStatus status = MetaStatusOk;
     std::uint32_t fetched = 0xDEADBEEF;
     std::vector<Result> items;
@@ -37,20 +44,9 @@ struct Batch {
 LONG ReadNumber(CMetaObjectCOMHandler& handler, DISPID id)
 {
     DISPPARAMS none{};
-    VARIANT answer;
-    VariantInit(&answer);
+    VARIANT answer = {};
     handler.GetDispatchPointer()->Invoke(id, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &answer, nullptr, nullptr);
     return answer.lVal;
-}
-
-Batch Next(CMetaObjectCOMHandler& handler, IEnumVARIANT** slot, std::uint32_t count)
-{
-    Batch batch;
-    CItemList items;
-    batch.status = handler.NextElements(slot, count, items, &batch.fetched);
-    for (CMetaObjectItem* item : items)
-        batch.items.emplace_back(item, ResultDeleter{&handler});
-    return batch;
 }
 
 const std::string kMaker = std::string("COM://") + kProgIdNarrow;
@@ -88,8 +84,8 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
         IEnumVARIANT* second = nullptr;
         ASSERT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
         ASSERT_EQ(handler.OpenEnumerator(&second), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &slot, 3).Text(), "0 1 2");
-        EXPECT_EQ(Next(handler, &second, 2).Text(), "0 1");
+        EXPECT_EQ(Batch(handler, &slot, 3).Text(), "0 1 2");
+        EXPECT_EQ(Batch(handler, &second, 2).Text(), "0 1");
         IEnumVARIANT* held = slot;
         EXPECT_EQ(handler.OpenEnumerator(&slot), MetaStatusOk);
         EXPECT_EQ(slot, held);
@@ -101,20 +97,20 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
         EXPECT_EQ(bare->OpenEnumerator(&slot), MetaStatusNoCollection);
         EXPECT_EQ(slot, held);
         EXPECT_EQ(bare->CountElements(&slot, &number), MetaStatusNoCollection);
-        EXPECT_EQ(Next(*bare, &slot, 2).Text(), "3 4");
+        EXPECT_EQ(Batch(*bare, &slot, 2).Text(), "3 4");
         EXPECT_EQ(bare->CloseEnumerator(&slot), MetaStatusOk);
         bare->Release();
 
         EXPECT_EQ(handler.SkipElements(&second, 5), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &second, 10).Text(), "7 8 9");
+        EXPECT_EQ(Batch(handler, &second, 10).Text(), "7 8 9");
         EXPECT_EQ(handler.SkipElements(&second, 100), MetaStatusOk);
-        Batch after = Next(handler, &second, 4);
+        Batch after(handler, &second, 4);
         EXPECT_EQ(after.status, MetaStatusOk);
         EXPECT_EQ(after.fetched, 0u);
         EXPECT_EQ(handler.ResetEnumerator(&second), MetaStatusOk);
-        EXPECT_EQ(Next(handler, &second, 2).Text(), "0 1");
+        EXPECT_EQ(Batch(handler, &second, 2).Text(), "0 1");
         collection.reset();  // the enumerator keeps the collection alive
-        EXPECT_EQ(Next(maker, &second, 10).Text(), "2 3 4 5 6 7 8 9");
+        EXPECT_EQ(Batch(maker, &second, 10).Text(), "2 3 4 5 6 7 8 9");
         EXPECT_EQ(maker.CloseEnumerator(&second), MetaStatusOk);
 
         // A failing Reset, and Next or Skip in mid-walk; the count property still answers.
@@ -122,9 +118,9 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
         CMetaObjectCOMHandler& failingHandler = ItemHandler(failing.get());
         ASSERT_EQ(failingHandler.OpenEnumerator(&slot), MetaStatusOk);
         EXPECT_EQ(failingHandler.ResetEnumerator(&slot), MetaStatusNoCollection);
-        EXPECT_EQ(Next(failingHandler, &slot, 5).Text(), "0 1 2 3 4");
+        EXPECT_EQ(Batch(failingHandler, &slot, 5).Text(), "0 1 2 3 4");
         EXPECT_EQ(failingHandler.SkipElements(&slot, 5), MetaStatusOk);
-        Batch failed = Next(failingHandler, &slot, 5);
+        Batch failed(failingHandler, &slot, 5);
         EXPECT_EQ(failed.status, MetaStatusBadType);
         EXPECT_EQ(failed.fetched, 0u);
         EXPECT_TRUE(failed.items.empty());
@@ -191,7 +187,7 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
                 continue;
             }
             if (row.size > 0) {
-                EXPECT_EQ(Next(handler, &slot, 1).fetched, 1u);
+                EXPECT_EQ(Batch(handler, &slot, 1).fetched, 1u);
             }
             const long liveBefore = server.LiveObjects();
             const LONG callsBefore = ReadNumber(handler, 2);
@@ -206,7 +202,7 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
             const auto batches = std::count(expected.begin(), expected.end(), '[');
             std::string walked;
             for (auto calls = batches; calls > 0; --calls) {
-                Batch batch = Next(handler, &slot, row.batch);
+                Batch batch(handler, &slot, row.batch);
                 EXPECT_EQ(batch.status, MetaStatusOk);
                 EXPECT_EQ(batch.fetched, batch.items.size());
                 walked += "[" + batch.Text() + "]";
@@ -223,7 +219,7 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
             }
             EXPECT_EQ(walked, expected);
             if (row.batch * batches + 1 >= static_cast<std::uint32_t>(row.size)) {
-                Batch end = Next(handler, &slot, row.batch);
+                Batch end(handler, &slot, row.batch);
                 EXPECT_EQ(end.status, MetaStatusOk);
                 EXPECT_EQ(end.fetched, 0u);
             }

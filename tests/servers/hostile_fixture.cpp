@@ -83,16 +83,13 @@ public:
         VARIANT ignored = {};
         VARIANT& out = result ? *result : ignored;
         const LONG number = LongArgument(params, 0);
+        if (id >= 3 && id <= 6)  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
+            return GarbageCell(id, params);
         switch (id) {
         case 1:  // FailQueryEvery, a put that also restarts the count
             InterlockedExchange(&g_failQueryEvery, number);
             InterlockedExchange(&g_queries, 0);
             return S_OK;
-        case 3:  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
-        case 4:
-        case 5:
-        case 6:
-            return GarbageCell(id, params);
         case 7:  // FailWithResult: against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
             out.bstrVal = SysAllocString(L"left behind");
