@@ -1,8 +1,5 @@
 // Walking collections as a host does; the collection fixture misbehaves as its flags ask.
 
-#include <windows.h>
-#include <oleauto.h>
-
 #include <algorithm>
 #include <string>
 #include <vector>

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "contract/open_params.h"
 #include "tests/module/call_harness.h"
 #include "tests/servers/call_fixture_values.h"
 #include "tests/servers/hostile_fixture_values.h"

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "platform/handler_info.h"
-#include "tests/module/call_harness.h"
 #include "tests/probe/probe_test.h"
 #include "tests/support/counting_dispatch.h"
 #include "tests/support/import_patch.h"
