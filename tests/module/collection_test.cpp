@@ -59,8 +59,7 @@ protected:
     }
 };
 
-// The operations on an empty slot; slots keep their own places, walk on other
-// handlers and outlive theirs; past the end is a success; failing enumerators.
+// Empty slots; slots that keep their places, walk on other handlers and outlive theirs; failing enumerators.
 TEST_F(CollectionTest, SlotsAndTheirStatuses)
 {
     WithObject(kMaker, [&](CMetaObjectCOMHandler& maker) {
@@ -129,8 +128,7 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
     });
 }
 
-// Opening by the answer of _NewEnum; counting by the property or by walking a
-// copy, which leaves the slot where it was; elements as items, objects with one reference each.
+// Opening by _NewEnum's answer; counting by the property or by walking a copy that leaves the slot be; elements.
 TEST_F(CollectionTest, OpeningCountingAndWalking)
 {
     const std::string elementIdentity = "7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11";  // of its type information

@@ -1,5 +1,4 @@
-// Long runs and host threads on the probe module: after every round the counted
-// objects are exact; from the settled round on, heap blocks and handles stay flat.
+// Long runs and host threads on the probe module: counted objects exact, heap blocks and handles flat.
 
 #include <windows.h>
 #include <objbase.h>
@@ -33,8 +32,7 @@ std::uint32_t Below(Mix& mix, std::uint32_t bound)
     return static_cast<std::uint32_t>(mix() % bound);
 }
 
-// Handles the process has open. Wine's GetProcessHandleCount answers 0, so the
-// system's handle table is counted instead.
+// Handles the process has open, from the system's table: Wine's GetProcessHandleCount answers 0.
 DWORD OpenHandleCount()
 {
     DWORD count = 0;
@@ -59,9 +57,7 @@ DWORD WINAPI RunBody(void* body)
     return 0;
 }
 
-// Every body on a thread of its own, started together. A run that outlasts the
-// limit is taken for a deadlock: stuck threads can't be taken back, so the
-// process ends instead of hanging the suite.
+// Every body on a thread of its own, started together; a deadlock ends the process rather than hang the suite.
 void RunThreadsWithWatchdog(const std::vector<std::function<void()>>& bodies, DWORD limit)
 {
     std::vector<HANDLE> threads;
@@ -133,7 +129,8 @@ protected:
             EXPECT_EQ(collection.NextElements(&slot, batch, items, &fetched), MetaStatusOk);
             for (CMetaObjectItem* item : items) {
                 if (dynamic_cast<CMetaObjectObject*>(item)) {
-                    EXPECT_EQ(ValueText(Call(ItemHandler(item), L"Get:Index").result.get()), std::to_wstring(skip + walked));
+                    const Outcome index = Call(ItemHandler(item), L"Get:Index");
+                    EXPECT_EQ(ValueText(index.result.get()), std::to_wstring(skip + walked));
                 }
                 ++walked;
                 item->Clear();
@@ -301,20 +298,20 @@ TEST_F(StressTest, EightHostThreadsAtOnce)
             std::vector<std::function<void()>> bodies;
             for (int index = 0; index < 8; ++index) {
                 bodies.push_back([&, index] {
-                    SCOPED_TRACE("thread " + std::to_string(index));
                     ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
                     for (int round = 0; round < 60 && !HasFailure(); ++round) {
-                        SCOPED_TRACE("round " + std::to_string(round));
+                        const std::string text = "thread " + std::to_string(index) + " round " + std::to_string(round);
+                        SCOPED_TRACE(text);
                         raced->AddUse();
                         EXPECT_EQ(raced->Open(kCallFixture.c_str(), nullptr), MetaStatusOk);
                         raced->Release();
                         const Param row = Int(index), column = Int(round), value = Int(index * 1000 + round);
-                        EXPECT_EQ(Call(*shared, L"Set:Cell", {row.get(), column.get(), value.get()}).status, MetaStatusOk);
+                        const Outcome put = Call(*shared, L"Set:Cell", {row.get(), column.get(), value.get()});
+                        EXPECT_EQ(put.status, MetaStatusOk);
                         EXPECT_EQ(ValueText(Call(*shared, L"Get:Cell", {row.get(), column.get()}).result.get()),
                                   std::to_wstring(index * 1000 + round));
                         EXPECT_EQ(Walk(collection, (index + round) % 4, 1, 12, 1), 1u);
                         // This thread's text on the shared handler, read after the others wrote theirs.
-                        const std::string text = "thread " + std::to_string(index) + " round " + std::to_string(round);
                         setErrorText(shared, text.c_str());
                         SwitchToThread();
                         EXPECT_EQ(Narrow(shared->GetErrorText()), text);

@@ -1,5 +1,4 @@
-// The module as a host meets it: loaded by file name, driven through its
-// exports; and through its probe copy, which counts its heap blocks, what it frees.
+// The module as a host meets it, through its exports; and what it frees, through its probe copy.
 
 #include <objbase.h>
 
@@ -18,11 +17,7 @@ using namespace MetaObj;
 
 namespace {
 
-using HandlerTest = CallTest;
-
-// Refused without a module handle, or on a thread whose COM is up: then COM
-// stays as the thread had it and the record stays empty. Accepted, it brings
-// COM up and fills the record, and CleanUpHandler ends COM.
+// Refused without a module handle or where COM is up, leaving COM and the record be; accepted, it fills both.
 TEST_F(ModuleTest, InitHandlerAndCleanUp)
 {
     for (DWORD apartment : {0ul, DWORD{COINIT_APARTMENTTHREADED}, DWORD{COINIT_MULTITHREADED}}) {
@@ -102,7 +97,7 @@ HRESULT WINAPI RecordClassObjectRequest(REFCLSID, DWORD context, COSERVERINFO* s
 }
 
 // Remote: Windows authentication, impersonation, Unicode identity texts.
-TEST_F(HandlerTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
+TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
 {
     RunInitialised([&] {
         ImportPatch patch(module->Handle(), "ole32.dll", "CoGetClassObject",
@@ -154,10 +149,8 @@ TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
     host.FreeReleasedHandlers(module->FreeHandlerObject);
 }
 
-// One host thread opens, calls, describes and frees handlers in turn, as a pooled
-// worker does for months: its blocks stay within a few of those at the half-way
-// mark (at most the thousandth handler). COMHANDLER_LONG_THREAD_HANDLERS sets how
-// many, beyond the default 600, for a soak run.
+// One host thread opens, calls, describes and frees handlers in turn, as a pooled worker does for months:
+// blocks stay flat from the half-way mark. COMHANDLER_LONG_THREAD_HANDLERS raises the default 600.
 TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
 {
     const char* const dictionary = "COM://Scripting.Dictionary";

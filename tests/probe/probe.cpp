@@ -1,5 +1,4 @@
-// Test-only exports of a copy of the module: every heap block that the module's
-// C++ code takes is counted, so a test can see what a thread's end frees.
+// Test-only exports of a copy of the module that counts the heap blocks its C++ code takes.
 
 #include <windows.h>
 

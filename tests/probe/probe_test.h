@@ -1,6 +1,5 @@
 #pragma once
-// Tests on the probe copy of the module, with the host's table: its own exports
-// count its heap blocks and set an error text.
+// Tests on the probe copy of the module, with the host's table, and the probe's own exports.
 
 #include "tests/module/call_harness.h"
 

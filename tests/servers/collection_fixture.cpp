@@ -1,5 +1,4 @@
-// The collection fixture's objects: the maker and the elements are served by the
-// platform's dispatch; a collection answers Invoke by hand, as its flags make it misbehave.
+// The collection fixture's objects; a collection answers Invoke by hand, misbehaving as its flags ask.
 
 #include <windows.h>
 #include <oleauto.h>
@@ -66,7 +65,6 @@ HRESULT Text(const wchar_t* value, VARIANT* out)
     return S_OK;
 }
 
-// A new element in a VARIANT of the type asked.
 HRESULT ElementObject(LONG index, VARTYPE type, VARIANT* out)
 {
     IFixtureElement* element = nullptr;

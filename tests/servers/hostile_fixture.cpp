@@ -1,5 +1,4 @@
-// The hostile fixture's objects: a plain IDispatch described by the dual
-// interface's type information, whose Invoke breaks the rules by hand.
+// The hostile fixture: a plain IDispatch, described by the library, whose Invoke breaks the rules by hand.
 
 #include <windows.h>
 #include <oleauto.h>
@@ -113,8 +112,6 @@ public:
             else if (number == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
                 std::wmemset(out.bstrVal, L'x', kLongTextLength);
             return S_OK;
-        case 13:  // MakeChild
-            return GiveType(VT_DISPATCH, out);
         case 14:  // Throw
             if (number != kThrowInQueryInterface)
                 throw std::runtime_error("HostileFixture.Invoke");
