@@ -48,8 +48,7 @@ LONG ReadNumber(CMetaObjectCOMHandler& handler, DISPID id)
 
 const std::string kMaker = std::string("COM://") + kProgIdNarrow;
 
-class CollectionTest : public CallTest {
-protected:
+struct CollectionTest : CallTest {
     Result Make(CMetaObjectCOMHandler& maker, std::int32_t flags, std::int32_t size)
     {
         Param flagsItem = Int(flags), sizeItem = Int(size);
@@ -131,8 +130,6 @@ TEST_F(CollectionTest, SlotsAndTheirStatuses)
 // Opening by _NewEnum's answer; counting by the property or by walking a copy that leaves the slot be; elements.
 TEST_F(CollectionTest, OpeningCountingAndWalking)
 {
-    const std::string elementIdentity = "7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11";  // of its type information
-    const std::string unknownIdentity = "00000000-0000-0000-C000-000000000046";
     const MetaStatus none = MetaStatusNoCollection;
     const struct {
         const char* name;
@@ -202,13 +199,14 @@ TEST_F(CollectionTest, OpeningCountingAndWalking)
                 EXPECT_EQ(batch.fetched, batch.items.size());
                 walked += "[" + batch.Text() + "]";
                 for (std::size_t at = 0; at < batch.items.size() && (row.flags & (kObjects | kUnknowns)); ++at) {
-                    // One reference, the handler's, and an identity.
+                    // One reference, the handler's; the interface of its type information, or IUnknown.
+                    const char* const identity = (row.flags & kObjects) ? "7C3A9E10-4B2D-4E8F-A1C6-5D0B3F2E7A11"
+                                                                        : "00000000-0000-0000-C000-000000000046";
                     CMetaObjectCOMHandler& element = ItemHandler(batch.items[at].get());
                     EXPECT_EQ(batch.items[at]->GetNewObject(), 1);
                     EXPECT_EQ(element.GetUseCount(), 1u);
                     EXPECT_EQ(RefCount(element.GetDispatchPointer()), 1u);
-                    EXPECT_EQ(element.identity.GetObjectName(),
-                              (row.flags & kObjects) ? elementIdentity : unknownIdentity);
+                    EXPECT_EQ(element.identity.GetObjectName(), identity);
                     EXPECT_EQ(ValueText(Call(element, L"Get:Index").result.get()), std::to_wstring(at + 1));
                 }
             }

@@ -1,7 +1,5 @@
 // The module as a host meets it, through its exports; and what it frees, through its probe copy.
 
-#include <objbase.h>
-
 #include <algorithm>
 #include <cwchar>
 #include <cstdlib>

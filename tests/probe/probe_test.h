@@ -3,13 +3,10 @@
 
 #include "tests/module/call_harness.h"
 
-class ProbeTest : public CallTest {
-protected:
+struct ProbeTest : CallTest {
     void SetUp() override
     {
         CallTest::SetUp();
-        if (HasFatalFailure())
-            return;
         module->SetEnvironment(nullptr);
         module.reset();
         Load(ProgramDirectory() + "probe.dll");

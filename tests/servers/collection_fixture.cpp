@@ -46,8 +46,6 @@ class CElement : public CDual<IFixtureElement> {
 public:
     explicit CElement(LONG index) : index(index) {}
     HRESULT STDMETHODCALLTYPE get_Index(LONG* value) override { return *value = index, S_OK; }
-
-private:
     const LONG index;
 };
 

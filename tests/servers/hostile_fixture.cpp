@@ -51,11 +51,7 @@ public:
     {
         types = LoadDualTypeInfo(kHostileLibraryResource, IID_IHostileFixture);
     }
-    ~CHostileFixture() override
-    {
-        if (cellArray)
-            SafeArrayDestroy(cellArray);
-    }
+    ~CHostileFixture() override { SafeArrayDestroy(cellArray); }  // a null one is refused, harmlessly
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {

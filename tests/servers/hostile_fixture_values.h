@@ -8,13 +8,11 @@ namespace HostileValues {
 constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
 
-// FailQueryEvery(n): every nth QueryInterface of a hostile object fails, server-wide; 0 turns it off.
-// Garbage*(freeFirst, cell) fail with kGarbage left in the cell, after freeing what came
-// in when freeFirst is set; GarbageText with freeFirst 2 leaves a valid text instead.
+// FailQueryEvery(n): every nth QueryInterface of a hostile object fails; Garbage*(freeFirst, cell) fail with
+// kGarbage left in the cell, after freeing what came in if freeFirst; GarbageText's freeFirst 2 leaves a text.
 constexpr std::uintptr_t kGarbage = 0xdeadbeef;
 
-// GiveArray(shape).
-enum ArrayShape : std::int32_t {
+enum ArrayShape : std::int32_t {  // GiveArray(shape)
     kNoDimensions = 0,        // a descriptor whose cDims is 0
     kManyDimensions = 1,      // 65,535 dimensions of one element each, the most cDims holds
     kOverflowingCount = 2,    // two dimensions of 65,536 elements: 2^32 elements, no data behind
@@ -23,8 +21,7 @@ enum ArrayShape : std::int32_t {
     kVariantHoldsItself = 5,  // VT_ARRAY|VT_VARIANT whose one element is VT_VARIANT|VT_BYREF to itself
 };
 
-// GiveText(which).
-enum TextShape : std::int32_t {
+enum TextShape : std::int32_t {  // GiveText(which)
     kEmbeddedNul = 0,  // L"a\0b", length 3
     kOddBytes = 1,     // 3 bytes: "abc" by SysAllocStringByteLen
     kNullText = 2,     // a null BSTR
