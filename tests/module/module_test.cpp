@@ -1,26 +1,22 @@
-// The module as a host meets it: loaded by file name, driven through its
-// exports; and through a copy of the module that counts its heap blocks, what
-// it frees: a thread's error texts live as long as the thread, and a call
-// object lives as long as its slot holds it.
+// The module as a host meets it, through its exports; and what it frees, through its probe copy.
 
-#include <objbase.h>
-
+#include <algorithm>
+#include <cwchar>
+#include <cstdlib>
 #include <string>
+#include <utility>
 
-#include "contract/handler_base.h"
-#include "host/reference_host.h"
 #include "platform/handler_info.h"
-#include "plugin/com_handler.h"
-#include "tests/module/module_fixture.h"
+#include "tests/probe/probe_test.h"
 #include "tests/support/counting_dispatch.h"
+#include "tests/support/import_patch.h"
 
 using namespace MetaObj;
 
 namespace {
 
-// Refused without a module handle, or on a thread whose COM is up: then COM
-// stays as the thread had it and the record stays empty.
-TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
+// Refused without a module handle or where COM is up, leaving COM and the record be; accepted, it fills both.
+TEST_F(ModuleTest, InitHandlerAndCleanUp)
 {
     for (DWORD apartment : {0ul, DWORD{COINIT_APARTMENTTHREADED}, DWORD{COINIT_MULTITHREADED}}) {
         SCOPED_TRACE(apartment);
@@ -43,21 +39,15 @@ TEST_F(ModuleTest, InitHandlerRefusesAndTouchesNothing)
         });
         EXPECT_EQ(module->GetHandlerInfo()->GetHandlerName(), nullptr);
     }
-}
-
-TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
-{
     RunOnThread([&] {
         ASSERT_TRUE(module->InitHandler(module->Handle()));
-        // COM is up for the multithreaded apartment on this thread.
-        EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);
+        EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);  // up for the multithreaded apartment
         CoUninitialize();
         EXPECT_EQ(module->ProcessIdle(), 1u);
         EXPECT_TRUE(module->CleanUpHandler());
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
         CoUninitialize();
     });
-
     EXPECT_EQ(module->GetHandlerVersion(), 0x00020000u);
     CMetaObjectHandlerInfo* info = module->GetHandlerInfo();
     EXPECT_STREQ(info->GetHandlerName(), "COM/DCOM Object Handler");
@@ -68,114 +58,135 @@ TEST_F(ModuleTest, InitHandlerFillsTheRecordAndCleanUpEndsCom)
     EXPECT_STREQ(info->GetModulePath(), path);
     const std::string fullPath(path);
     EXPECT_EQ(info->GetModuleDirectory(), fullPath.substr(0, fullPath.find_last_of('\\')));
-    // The module ships no icon: both stay null.
-    EXPECT_EQ(info->smallIcon, nullptr);
+    EXPECT_EQ(info->smallIcon, nullptr);  // the module ships no icon
     EXPECT_EQ(info->standardIcon, nullptr);
 }
 
-TEST_F(ModuleTest, NewHandlersRegisterWithTheHost)
-{
-    CReferenceHost host;
-    module->SetEnvironment(host.Table());
-    RunInitialised([&] {
-        CMetaObjectHandler* first = module->GetHandlerObject();
-        CMetaObjectHandler* second = module->GetHandlerObject();
-        const auto registrations = host.Registrations();
-        ASSERT_EQ(registrations.size(), 2u);
-        EXPECT_EQ(registrations[0].handler, first);
-        EXPECT_EQ(registrations[1].handler, second);
-        EXPECT_EQ(registrations[0].module, module->Handle());
-        EXPECT_EQ(first->GetUseCount(), 1u);
-        EXPECT_FALSE(first->IsOpen());
-        EXPECT_EQ(first->GetHandlerInfo(), module->GetHandlerInfo());
-        for (CMetaObjectHandler* handler : {first, second}) {
-            EXPECT_EQ(handler->Release(), MetaStatusClosed);
-            module->FreeHandlerObject(handler);
-        }
-    });
-}
-
-// The handler's one reference goes with its last use; freeing a handler that
-// is still open leaves it.
-TEST_F(ModuleTest, AHandlerReleasesItsObjectOnceWhenItCloses)
+// Freeing a handler that is still open leaves its object's reference.
+TEST_F(ModuleTest, FreeingAnOpenHandlerLeavesItsObject)
 {
     RunInitialised([&] {
-        CCountingDispatch closed, freed;
-        auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        closed.AddRef();  // the reference handed over
-        ASSERT_EQ(handler->AttachObject(&closed, "COM://Counting.Object"), MetaStatusOk);
-        EXPECT_EQ(handler->AddUse(), MetaStatusOk);
-        EXPECT_EQ(handler->Release(), MetaStatusOk);
-        EXPECT_EQ(closed.References(), 2);
-        EXPECT_EQ(handler->Release(), MetaStatusClosed);
-        EXPECT_EQ(closed.References(), 1);
-        EXPECT_EQ(handler->CloseObject(), MetaStatusClosed);  // nothing more to release
-        EXPECT_EQ(closed.References(), 1);
-        EXPECT_TRUE(handler->GetErrorText().IsEmpty());
-        module->FreeHandlerObject(handler);
-
-        handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        freed.AddRef();
-        ASSERT_EQ(handler->AttachObject(&freed, "COM://Counting.Object"), MetaStatusOk);
+        CCountingDispatch freed;
+        CMetaObjectHandler* handler = module->GetHandlerObject();
+        freed.AddRef();  // the reference handed over
+        ASSERT_EQ(static_cast<CMetaObjectCOMHandler*>(handler)->AttachObject(&freed, "COM://Counting"), MetaStatusOk);
         module->FreeHandlerObject(handler);
         EXPECT_EQ(freed.References(), 2);
     });
 }
 
-using LiveAllocationsFn = LONG (*)();
-using SetErrorTextFn = void (*)(const CMetaObjectHandler*, const char*);
+// What reaches the platform's CoGetClassObject, written down while it is in reach.
+std::wstring g_requests;
 
-class ProbeTest : public ModuleTest {
-protected:
-    void SetUp() override
-    {
-        Load(ProgramDirectory() + "probe.dll");
-        liveAllocations = reinterpret_cast<LiveAllocationsFn>(
-            reinterpret_cast<void*>(GetProcAddress(module->Handle(), "ProbeLiveAllocations")));
-        setErrorText = reinterpret_cast<SetErrorTextFn>(
-            reinterpret_cast<void*>(GetProcAddress(module->Handle(), "ProbeSetErrorText")));
-        ASSERT_NE(liveAllocations, nullptr);
-        ASSERT_NE(setErrorText, nullptr);
-        module->SetEnvironment(nullptr);
-    }
+HRESULT WINAPI RecordClassObjectRequest(REFCLSID, DWORD context, COSERVERINFO* server, REFIID, void** out)
+{
+    wchar_t text[512];
+    const COAUTHINFO* auth = server ? server->pAuthInfo : nullptr;
+    const COAUTHIDENTITY* id = auth ? auth->pAuthIdentityData : nullptr;
+    if (id)
+        swprintf(text, 512, L"[context %lu on %ls authn %lu level %lu %.*ls\\%.*ls:%.*ls flags %lu]", context,
+                 server->pwszName, auth->dwAuthnSvc, auth->dwImpersonationLevel, int(id->DomainLength), id->Domain,
+                 int(id->UserLength), id->User, int(id->PasswordLength), id->Password, id->Flags);
+    else
+        swprintf(text, 512, L"[context %lu%ls]", context, server ? L" on a server without credentials" : L"");
+    g_requests += text;
+    *out = nullptr;
+    return CO_E_SERVER_EXEC_FAILURE;  // as a machine that can't be reached answers
+}
 
-    LiveAllocationsFn liveAllocations = nullptr;
-    SetErrorTextFn setErrorText = nullptr;
-};
+// Remote: Windows authentication, impersonation, Unicode identity texts.
+TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
+{
+    RunInitialised([&] {
+        ImportPatch patch(module->Handle(), "ole32.dll", "CoGetClassObject",
+                          reinterpret_cast<void*>(&RecordClassObjectRequest));
+        ASSERT_TRUE(patch.Applied());
+        CObjectOpenParams params;
+        params.domain = CMetaString(L"corp");
+        for (const auto& [dcom, request] :
+             {std::pair{true, L"[context 16 on faraway authn 10 level 3 corp\\ann:pw flags 2]"},
+              std::pair{false, L"[context 23]"}}) {
+            SCOPED_TRACE(dcom ? "DCOM on" : "DCOM off");
+            g_requests.clear();
+            auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+            handler->dcomEnabled = dcom;
+            EXPECT_EQ(handler->Open("COM://Scripting.Dictionary?Host=faraway?Username=ann?Password=pw", &params),
+                      MetaStatusNoObject);
+            EXPECT_EQ(g_requests, request);
+            handler->Release();
+        }
+        host.FreeReleasedHandlers(module->FreeHandlerObject);
+    });
+}
 
-TEST_F(ProbeTest, AThreadsEndFreesItsErrorTexts)
+// A thread's end frees its error texts; a new call in a used slot frees the old one.
+TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
 {
     CMetaObjectHandler* first = module->GetHandlerObject();
     CMetaObjectHandler* second = module->GetHandlerObject();
-    const LONG before = liveAllocations();
+    LONG before = liveBlocks();
     RunOnThread([&] {
         setErrorText(first, "Could not load type library");
         EXPECT_TRUE(second->GetErrorText().IsEmpty());
         EXPECT_STREQ(first->GetErrorText().GetWide(), L"Could not load type library");
-        EXPECT_GT(liveAllocations(), before);  // the map, two entries and a text
+        EXPECT_GT(liveBlocks(), before);  // the map, two entries and a text
     });
-    EXPECT_EQ(liveAllocations(), before);
-    // The texts set on that thread are not seen here.
-    EXPECT_TRUE(first->GetErrorText().IsEmpty());
-    for (CMetaObjectHandler* handler : {first, second}) {
+    EXPECT_EQ(liveBlocks(), before);
+    EXPECT_TRUE(first->GetErrorText().IsEmpty());  // not seen on this thread
+
+    CCOMMethodInvoke* slot = nullptr;
+    first->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
+    first->FreeMethodInvoke(&slot);
+    before = liveBlocks();
+    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
+        EXPECT_EQ(first->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
+    first->FreeMethodInvoke(&slot);
+    EXPECT_EQ(liveBlocks(), before);
+    for (CMetaObjectHandler* handler : {first, second})
         handler->Release();
-        module->FreeHandlerObject(handler);
-    }
+    host.FreeReleasedHandlers(module->FreeHandlerObject);
 }
 
-TEST_F(ProbeTest, ANewCallInAUsedSlotFreesTheOldOne)
+// One host thread opens, calls, describes and frees handlers in turn, as a pooled worker does for months:
+// blocks stay flat from the half-way mark. COMHANDLER_LONG_THREAD_HANDLERS raises the default 600.
+TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
 {
-    CMetaObjectHandler* handler = module->GetHandlerObject();
-    CCOMMethodInvoke* slot = nullptr;
-    handler->CreateMethodInvoke(&slot, CMetaString(L"Get:Number"));  // the thread's texts are made here
-    handler->FreeMethodInvoke(&slot);
-    const LONG before = liveAllocations();
-    for (const wchar_t* key : {L"Get:Number", L"Get:Count"})
-        EXPECT_EQ(handler->CreateMethodInvoke(&slot, CMetaString(key)), MetaStatusOk);
-    handler->FreeMethodInvoke(&slot);
-    EXPECT_EQ(liveAllocations(), before);
-    handler->Release();
-    module->FreeHandlerObject(handler);
+    const char* const dictionary = "COM://Scripting.Dictionary";
+    const char* const undescribable = "COM://VBScript.RegExp";  // no library describes it
+    const char* const asked = std::getenv("COMHANDLER_LONG_THREAD_HANDLERS");
+    const long count = std::max(asked ? std::atol(asked) : 0L, 600L);
+    const long settledAt = std::min(count / 2, 1000L);
+    LONG settled = 0;
+    RunInitialised([&] {
+        for (long at = 0; at < count; ++at) {
+            auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+            ASSERT_EQ(handler->Open(dictionary, nullptr), MetaStatusOk);
+            const Param key = Text(L"k", L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
+            ASSERT_EQ(Call(*handler, L"Invoke:Add", {key.get(), value.get()}).status, MetaStatusOk);
+            CMetaObjectHandler* describer = module->GetHandlerObject();
+            ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
+            ASSERT_EQ(Narrow(describer->GetErrorText()), "Could not load type library");
+            if (at == 0) {  // a new handler registers; its text is this thread's, and its next operation clears it
+                EXPECT_EQ(host.Registrations().back().handler, describer);
+                EXPECT_EQ(host.Registrations().back().module, module->Handle());
+                EXPECT_EQ(describer->GetHandlerInfo(), module->GetHandlerInfo());
+                std::string elsewhere = "not read";
+                RunOnThread([&] { elsewhere = Narrow(describer->GetErrorText()); });
+                EXPECT_EQ(elsewhere, "");
+                EXPECT_EQ(describer->LoadObjectInfo(dictionary), MetaStatusOk);
+                EXPECT_EQ(Narrow(describer->GetErrorText()), "");
+                describer->UnloadObjectInfo();
+                ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
+            }
+            // Freed with its text still set, as a host that never asks leaves it.
+            for (CMetaObjectHandler* used : {static_cast<CMetaObjectHandler*>(handler), describer})
+                EXPECT_EQ(used->Release(), MetaStatusClosed);
+            host.FreeReleasedHandlers(module->FreeHandlerObject);
+            if (at + 1 == settledAt)
+                settled = liveBlocks();
+        }
+        EXPECT_LE(liveBlocks() - settled, 16) << "after " << count << " handlers";
+    });
 }
 
 }  // namespace

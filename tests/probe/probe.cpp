@@ -1,5 +1,4 @@
-// Test-only additions to a copy of the module: every heap block that the
-// module's C++ code takes is counted, so a test can see what a thread's end frees.
+// Test-only exports of a copy of the module that counts the heap blocks its C++ code takes.
 
 #include <windows.h>
 
@@ -8,12 +7,12 @@
 
 extern "C" {
 
-LONG ProbeLiveAllocations()
+__declspec(dllexport) LONG ProbeLiveAllocations()
 {
     return LiveHeapBlocks();
 }
 
-void ProbeSetErrorText(const MetaObj::CMetaObjectHandler* handler, const char* text)
+__declspec(dllexport) void ProbeSetErrorText(const MetaObj::CMetaObjectHandler* handler, const char* text)
 {
     MetaObj::SetErrorText(handler, text);
 }

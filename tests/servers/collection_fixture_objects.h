@@ -1,16 +1,12 @@
 #pragma once
-// The collection and hostile fixtures' objects as the server file's entry
-// points reach them.
+// The collection fixture's objects as the server file's entry points reach them.
 
 #include <windows.h>
 #include <objbase.h>
-#include <oaidl.h>
-
 
 constexpr int kCollectionLibraryResource = 4;
 
-// A new CollectionFixture, answering iid; the caller owns the one reference.
+// A new CollectionFixture, answering iid, whose one reference the caller owns;
+// and the fixture's objects alive now.
 HRESULT CreateCollectionFixture(REFIID iid, void** out);
-// Objects of the collection fixture alive now: makers, collections, enumerators, elements.
 LONG LiveCollectionObjects();
-

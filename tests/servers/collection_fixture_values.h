@@ -1,7 +1,5 @@
 #pragma once
-// What the collection fixture (collection_fixture.idl) does, shared by the
-// server and the tests that walk its collections. The flags' numbers are also
-// written in tests/check_comtool.cmake.
+// What the collection fixture does, for server and tests; tests/check_comtool.cmake also writes the flags.
 
 #include <cstdint>
 

@@ -1,22 +1,17 @@
-// The hostile fixture's objects. Invoke answers every member by hand, since
-// what they do to their arguments is what no type-driven dispatch would do.
+// The hostile fixture: a plain IDispatch, described by the library, whose Invoke breaks the rules by hand.
 
 #include <windows.h>
 #include <oleauto.h>
 
-// The identifiers of the hostile library are defined here, once.
-#include <initguid.h>
+#include <initguid.h>  // the hostile library's identifiers are defined here, once
 
 #include "hostile_fixture.h"  // widl's header of hostile_fixture.idl
 
 #include <cstring>
 #include <cwchar>
-#include <new>
 #include <stdexcept>
 #include <vector>
 
-#include "platform/platform_handles.h"
-#include "tests/servers/collection_fixture_objects.h"
 #include "tests/servers/dual_dispatch.h"
 #include "tests/servers/hostile_fixture_objects.h"
 #include "tests/servers/hostile_fixture_values.h"
@@ -38,8 +33,7 @@ VARIANT* Argument(DISPPARAMS* params, UINT index)
 
 LONG LongArgument(DISPPARAMS* params, UINT index)
 {
-    VARIANT copy;
-    VariantInit(&copy);
+    VARIANT copy = {};
     VARIANT* argument = Argument(params, index);
     return argument && SUCCEEDED(VariantChangeType(&copy, argument, 0, VT_I4)) ? copy.lVal : -100;
 }
@@ -51,18 +45,13 @@ void* Cell(DISPPARAMS* params, UINT index, VARTYPE type)
     return argument && argument->vt == (type | VT_BYREF) ? argument->byref : nullptr;
 }
 
-class CHostileFixture final : public CDualDispatch<IHostileFixture, CCounted<IHostileFixture, g_liveObjects>> {
+class CHostileFixture final : public CDualDispatch<IDispatch, CCounted<IDispatch, g_liveObjects>> {
 public:
     CHostileFixture() : CDualDispatch(kHostileLibraryResource)
     {
-        std::memset(&byRefCell, 0, sizeof byRefCell);
-        VariantInit(&self);
+        types = LoadDualTypeInfo(kHostileLibraryResource, IID_IHostileFixture);
     }
-    ~CHostileFixture() override
-    {
-        if (cellArray)
-            SafeArrayDestroy(cellArray);
-    }
+    ~CHostileFixture() override { SafeArrayDestroy(cellArray); }  // a null one is refused, harmlessly
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override
     {
@@ -86,20 +75,16 @@ public:
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result, EXCEPINFO*,
                                      UINT*) override
     {
-        VARIANT ignored;
-        VariantInit(&ignored);
+        VARIANT ignored = {};
         VARIANT& out = result ? *result : ignored;
         const LONG number = LongArgument(params, 0);
+        if (id >= 3 && id <= 6)  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
+            return GarbageCell(id, params);
         switch (id) {
         case 1:  // FailQueryEvery, a put that also restarts the count
             InterlockedExchange(&g_failQueryEvery, number);
             InterlockedExchange(&g_queries, 0);
             return S_OK;
-        case 3:  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
-        case 4:
-        case 5:
-        case 6:
-            return GarbageCell(id, params);
         case 7:  // FailWithResult: against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
             out.bstrVal = SysAllocString(L"left behind");
@@ -114,10 +99,15 @@ public:
             return GiveType(number, out);
         case 11:
             return GiveArray(number, out);
-        case 12:
-            return GiveText(number, out);
-        case 13:  // MakeChild
-            return GiveType(VT_DISPATCH, out);
+        case 12:  // GiveText; kNullText leaves a null BSTR
+            out.vt = VT_BSTR;
+            if (number == kEmbeddedNul)
+                out.bstrVal = SysAllocStringLen(L"a\0b", 3);
+            else if (number == kOddBytes)
+                out.bstrVal = SysAllocStringByteLen("abc", 3);
+            else if (number == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
+                std::wmemset(out.bstrVal, L'x', kLongTextLength);
+            return S_OK;
         case 14:  // Throw
             if (number != kThrowInQueryInterface)
                 throw std::runtime_error("HostileFixture.Invoke");
@@ -132,25 +122,8 @@ public:
         }
     }
 
-    // The interface's own entries; Invoke never reaches them.
-    HRESULT STDMETHODCALLTYPE put_FailQueryEvery(LONG) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageText(LONG, BSTR*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageVariant(LONG, VARIANT*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageObject(LONG, IDispatch**) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageArray(LONG, SAFEARRAY**) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE FailWithResult(VARIANT*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GarbageOut(BSTR*, IDispatch**) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GiveType(LONG, VARIANT*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GiveArray(LONG, VARIANT*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE GiveText(LONG, BSTR*) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE MakeChild(IDispatch**) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE Throw(LONG) override { return E_UNEXPECTED; }
-    HRESULT STDMETHODCALLTYPE Swallow(LONG*) override { return E_UNEXPECTED; }
-
 private:
-    // Garbage(3 to 6)(freeFirst, cell): fails with 0xdeadbeef left in the
-    // in/out cell, after freeing what came in when freeFirst is set; a text
-    // cell with freeFirst 2 gets a valid text instead.
+    // Garbage*(freeFirst, cell), ids 3 to 6, as hostile_fixture_values.h says.
     static HRESULT GarbageCell(DISPID id, DISPPARAMS* params)
     {
         static constexpr VARTYPE kCellTypes[] = {VT_BSTR, VT_VARIANT, VT_DISPATCH, VT_ARRAY | VT_I4};
@@ -176,17 +149,15 @@ private:
 
     HRESULT GiveType(LONG asked, VARIANT& out)
     {
-        // A VARIANT that refers to itself: a reader that follows by-reference
-        // VARIANTs never comes back.
+        // A reader that follows by-reference VARIANTs never comes back from this one.
         self.vt = VT_BYREF | VT_VARIANT;
         self.pvarVal = &self;
         const auto vt = static_cast<VARTYPE>(asked == kNullByRef ? VT_BYREF | VT_I4 : asked == kSelfByRef ? self.vt : asked);
         out.vt = vt;
         if (asked < 0) {
             out.byref = asked == kSelfByRef ? &self : nullptr;
-        } else if (vt & VT_BYREF) {
-            // Zeros are a valid value of every type, and the cell stays the object's.
-            out.byref = (vt & VT_ARRAY) ? static_cast<void*>(&cellArray) : static_cast<void*>(&byRefCell);
+        } else if (vt & VT_BYREF) {  // the cell stays the object's
+            out.byref = (vt & VT_ARRAY) ? static_cast<void*>(&cellArray) : static_cast<void*>(byRefCell);
         } else if (vt & VT_ARRAY) {
             out.parray = SafeArrayCreateVector(vt & VT_TYPEMASK, 0, 2);
         } else if (vt == VT_BSTR) {
@@ -229,27 +200,10 @@ private:
         return S_OK;
     }
 
-    static HRESULT GiveText(LONG which, VARIANT& out)
-    {
-        out.vt = VT_BSTR;
-        if (which == kEmbeddedNul)
-            out.bstrVal = SysAllocStringLen(L"a\0b", 3);
-        else if (which == kOddBytes)
-            out.bstrVal = SysAllocStringByteLen("abc", 3);
-        else if (which == kLongText && (out.bstrVal = SysAllocStringLen(nullptr, kLongTextLength)) != nullptr)
-            std::wmemset(out.bstrVal, L'x', kLongTextLength);
-        return S_OK;  // kNullText: a null BSTR
-    }
-
     volatile LONG throwOnQuery = 0;
-    // What by-reference results point at: zeros, a valid value of every type.
-    union {
-        VARIANT variant;
-        DECIMAL decimal;
-        BYTE bytes[32];
-    } byRefCell;
+    alignas(16) BYTE byRefCell[32] = {};  // what by-reference results point at: zeros, valid in every type
     SAFEARRAY* cellArray = nullptr;
-    VARIANT self;
+    VARIANT self = {};
 };
 
 }  // namespace
@@ -257,10 +211,8 @@ private:
 HRESULT CreateHostileFixture(REFIID iid, void** out)
 {
     *out = nullptr;
-    auto* fixture = new (std::nothrow) CHostileFixture;
-    if (!fixture)
-        return E_OUTOFMEMORY;
-    auto owner = ComPtr<IHostileFixture>::Adopt(fixture);
+    auto* fixture = new CHostileFixture;
+    auto owner = ComPtr<IDispatch>::Adopt(fixture);
     if (!fixture->Ready())
         return E_FAIL;
     return owner->QueryInterface(iid, out);

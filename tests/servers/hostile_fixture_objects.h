@@ -6,7 +6,6 @@
 
 constexpr int kHostileLibraryResource = 5;
 
-// A new HostileFixture, answering iid; the caller owns the one reference.
+// A new HostileFixture, answering iid, whose one reference the caller owns; and those alive now.
 HRESULT CreateHostileFixture(REFIID iid, void** out);
-// Hostile objects alive now.
 LONG LiveHostileObjects();

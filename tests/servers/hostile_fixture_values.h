@@ -1,6 +1,5 @@
 #pragma once
-// What the hostile fixture (hostile_fixture.idl) does, shared by the server and
-// the tests that call it.
+// What the hostile fixture's members do, shared by the server and the tests.
 
 #include <cstdint>
 
@@ -9,11 +8,11 @@ namespace HostileValues {
 constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
 
-// What a failing member leaves in its out cells.
+// FailQueryEvery(n): every nth QueryInterface of a hostile object fails; Garbage*(freeFirst, cell) fail with
+// kGarbage left in the cell, after freeing what came in if freeFirst; GarbageText's freeFirst 2 leaves a text.
 constexpr std::uintptr_t kGarbage = 0xdeadbeef;
 
-// GiveArray(shape).
-enum ArrayShape : std::int32_t {
+enum ArrayShape : std::int32_t {  // GiveArray(shape)
     kNoDimensions = 0,        // a descriptor whose cDims is 0
     kManyDimensions = 1,      // 65,535 dimensions of one element each, the most cDims holds
     kOverflowingCount = 2,    // two dimensions of 65,536 elements: 2^32 elements, no data behind
@@ -22,8 +21,7 @@ enum ArrayShape : std::int32_t {
     kVariantHoldsItself = 5,  // VT_ARRAY|VT_VARIANT whose one element is VT_VARIANT|VT_BYREF to itself
 };
 
-// GiveText(which).
-enum TextShape : std::int32_t {
+enum TextShape : std::int32_t {  // GiveText(which)
     kEmbeddedNul = 0,  // L"a\0b", length 3
     kOddBytes = 1,     // 3 bytes: "abc" by SysAllocStringByteLen
     kNullText = 2,     // a null BSTR
@@ -34,11 +32,10 @@ constexpr unsigned kLongTextLength = 100000;
 // Throw(where): 0 throws out of Invoke; this arms the next QueryInterface of the object.
 constexpr std::int32_t kThrowInInvoke = 0;
 constexpr std::int32_t kThrowInQueryInterface = 2;
-// GiveType(vt) beyond the vt numbers.
+// GiveType(vt): a VARIANT of that vt, VT_BYREF and VT_ARRAY bits included; or, beyond the vt numbers:
 constexpr std::int32_t kNullByRef = -1;  // VT_BYREF|VT_I4 with a null pointer
 constexpr std::int32_t kSelfByRef = -2;  // VT_BYREF|VT_VARIANT that points at itself
 
-// A member name whose look-up throws.
-constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";
+constexpr wchar_t kThrowingName[] = L"ThrowOnLookUp";  // a member name whose look-up throws
 
 }  // namespace HostileValues

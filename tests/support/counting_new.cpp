@@ -1,5 +1,4 @@
-// Replaces the global operator new and delete of the binary that links it with
-// counting ones, so tests can see that a scenario gives back every block it took.
+// Counting global operator new and delete for the binary that links it.
 
 #include "tests/support/counting_new.h"
 

@@ -1,5 +1,4 @@
 #pragma once
-// Live blocks of the counting operator new of tests/support/counting_new.cpp,
-// for the binary that links it.
+// Live blocks of tests/support/counting_new.cpp's operator new, in the binary that links it.
 
 long LiveHeapBlocks();
