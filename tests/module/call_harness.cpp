@@ -121,6 +121,13 @@ IDispatch* ObjectOf(const CMetaObjectItem* item)
     return object->handler->GetDispatchPointer();
 }
 
+CMetaObjectCOMHandler& ItemHandler(const CMetaObjectItem* item)
+{
+    const auto* object = dynamic_cast<const CMetaObjectObject*>(item);
+    EXPECT_TRUE(object && object->handler) << "no object item";
+    return *static_cast<CMetaObjectCOMHandler*>(object->handler);
+}
+
 void CallTest::SetUp()
 {
     ModuleTest::SetUp();

@@ -105,3 +105,5 @@ protected:
 
 // The object an object item's handler holds, or null.
 IDispatch* ObjectOf(const MetaObj::CMetaObjectItem* item);
+// The handler of an object item, for calls of its own.
+CMetaObjectCOMHandler& ItemHandler(const MetaObj::CMetaObjectItem* item);
