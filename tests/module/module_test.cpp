@@ -1,7 +1,6 @@
 // The module as a host meets it, through its exports; and what it frees, through its probe copy.
 
 #include <algorithm>
-#include <cwchar>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -48,11 +47,7 @@ TEST_F(ModuleTest, InitHandlerAndCleanUp)
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
         CoUninitialize();
     });
-    EXPECT_EQ(module->GetHandlerVersion(), 0x00020000u);
-    CMetaObjectHandlerInfo* info = module->GetHandlerInfo();
-    EXPECT_STREQ(info->GetHandlerName(), "COM/DCOM Object Handler");
-    EXPECT_STREQ(info->GetHandlerTypeName(), "COM");
-    EXPECT_STREQ(info->GetHandlerDescription(), "Meta object native object handler plugin for COM/DCOM.");
+    CMetaObjectHandlerInfo* info = module->GetHandlerInfo();  // its name and texts are the comtool check's
     char path[MAX_PATH] = {};
     GetModuleFileNameA(module->Handle(), path, MAX_PATH);
     EXPECT_STREQ(info->GetModulePath(), path);
@@ -76,50 +71,74 @@ TEST_F(ModuleTest, FreeingAnOpenHandlerLeavesItsObject)
 }
 
 // What reaches the platform's CoGetClassObject, written down while it is in reach.
-std::wstring g_requests;
+std::wstring g_request;
+
+std::wstring Units(const USHORT* text, ULONG length)
+{
+    return text ? std::wstring(reinterpret_cast<const wchar_t*>(text), length) : std::wstring(L"(null)");
+}
 
 HRESULT WINAPI RecordClassObjectRequest(REFCLSID, DWORD context, COSERVERINFO* server, REFIID, void** out)
 {
-    wchar_t text[512];
     const COAUTHINFO* auth = server ? server->pAuthInfo : nullptr;
     const COAUTHIDENTITY* id = auth ? auth->pAuthIdentityData : nullptr;
+    g_request = L"context " + std::to_wstring(context);
+    if (server)
+        g_request += L" on " + std::wstring(server->pwszName ? server->pwszName : L"(null)");
+    if (auth)
+        g_request += L" auth " + std::to_wstring(auth->dwAuthnSvc) + L"/" + std::to_wstring(auth->dwAuthzSvc) + L"/" +
+                     std::to_wstring(auth->dwAuthnLevel) + L"/" + std::to_wstring(auth->dwImpersonationLevel) + L"/" +
+                     std::to_wstring(auth->dwCapabilities);
     if (id)
-        swprintf(text, 512, L"[context %lu on %ls authn %lu level %lu %.*ls\\%.*ls:%.*ls flags %lu]", context,
-                 server->pwszName, auth->dwAuthnSvc, auth->dwImpersonationLevel, int(id->DomainLength), id->Domain,
-                 int(id->UserLength), id->User, int(id->PasswordLength), id->Password, id->Flags);
-    else
-        swprintf(text, 512, L"[context %lu%ls]", context, server ? L" on a server without credentials" : L"");
-    g_requests += text;
+        g_request += L" " + Units(id->Domain, id->DomainLength) + L"\\" + Units(id->User, id->UserLength) + L":" +
+                     Units(id->Password, id->PasswordLength) + L" flags " + std::to_wstring(id->Flags);
     *out = nullptr;
     return CO_E_SERVER_EXEC_FAILURE;  // as a machine that can't be reached answers
 }
 
-// Remote: Windows authentication, impersonation, Unicode identity texts.
+// The server (context 16, else 23) and credentials: attributes before the host's defaults, none without DCOM.
 TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
 {
+    const wchar_t* const credentials = L" auth 10/0/0/3/0 ";
+    const struct { const char* attributes; bool withDefaults; const wchar_t *host, *user, *request; } rows[] = {
+        {"", true, L"", L"", L"context 23"},
+        {"?Host=far", false, nullptr, nullptr, L"context 16 on far"},
+        {"?Host=far", true, L"near", L"", L"context 16 on far"},
+        {"?Host=", true, L"near", L"", L"context 16 on near"},
+        {"?Username=u", false, nullptr, nullptr, L"context 23 on (null)|(null)\\u:(null) flags 2"},
+        {"?Host=far?Username=u?Password=pw?Domain=dom", true, L"", L"", L"context 16 on far|dom\\u:pw flags 2"},
+        {"?Password=p", true, L"", L"dflt", L"context 23 on (null)|dflt-dom\\dflt:p flags 2"},
+        {"?Username=u", true, L"", L"", L"context 23 on (null)|dflt-dom\\u:dflt-pw flags 2"},
+        {"?Password=p?Domain=d", true, L"", L"", L"context 23"},  // no user: no effect
+    };
     RunInitialised([&] {
         ImportPatch patch(module->Handle(), "ole32.dll", "CoGetClassObject",
                           reinterpret_cast<void*>(&RecordClassObjectRequest));
         ASSERT_TRUE(patch.Applied());
-        CObjectOpenParams params;
-        params.domain = CMetaString(L"corp");
-        for (const auto& [dcom, request] :
-             {std::pair{true, L"[context 16 on faraway authn 10 level 3 corp\\ann:pw flags 2]"},
-              std::pair{false, L"[context 23]"}}) {
-            SCOPED_TRACE(dcom ? "DCOM on" : "DCOM off");
-            g_requests.clear();
-            auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-            handler->dcomEnabled = dcom;
-            EXPECT_EQ(handler->Open("COM://Scripting.Dictionary?Host=faraway?Username=ann?Password=pw", &params),
-                      MetaStatusNoObject);
-            EXPECT_EQ(g_requests, request);
-            handler->Release();
+        for (const bool dcom : {true, false}) {
+            for (const auto& row : rows) {
+                SCOPED_TRACE(testing::Message() << row.attributes << (row.withDefaults ? " with defaults" : "") << dcom);
+                CObjectOpenParams params;
+                params.host = CMetaString(row.host);
+                params.userName = CMetaString(row.user);
+                params.password = CMetaString(L"dflt-pw");
+                params.domain = CMetaString(L"dflt-dom");
+                auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
+                handler->dcomEnabled = dcom;
+                const std::string identity = std::string("COM://Scripting.Dictionary") + row.attributes;
+                EXPECT_EQ(handler->Open(identity.c_str(), row.withDefaults ? &params : nullptr), MetaStatusNoObject);
+                std::wstring expected = dcom ? row.request : L"context 23";
+                if (expected.find(L'|') != std::wstring::npos)
+                    expected.replace(expected.find(L'|'), 1, credentials);
+                EXPECT_EQ(g_request, expected);
+                handler->Release();
+            }
         }
         host.FreeReleasedHandlers(module->FreeHandlerObject);
     });
 }
 
-// A thread's end frees its error texts; a new call in a used slot frees the old one.
+// Texts are per thread, and a thread's end frees them; a new call in a used slot frees the old one.
 TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
 {
     CMetaObjectHandler* first = module->GetHandlerObject();
@@ -166,13 +185,10 @@ TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
             CMetaObjectHandler* describer = module->GetHandlerObject();
             ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
             ASSERT_EQ(Narrow(describer->GetErrorText()), "Could not load type library");
-            if (at == 0) {  // a new handler registers; its text is this thread's, and its next operation clears it
+            if (at == 0) {  // a new handler registers, and its next operation clears its text
                 EXPECT_EQ(host.Registrations().back().handler, describer);
                 EXPECT_EQ(host.Registrations().back().module, module->Handle());
                 EXPECT_EQ(describer->GetHandlerInfo(), module->GetHandlerInfo());
-                std::string elsewhere = "not read";
-                RunOnThread([&] { elsewhere = Narrow(describer->GetErrorText()); });
-                EXPECT_EQ(elsewhere, "");
                 EXPECT_EQ(describer->LoadObjectInfo(dictionary), MetaStatusOk);
                 EXPECT_EQ(Narrow(describer->GetErrorText()), "");
                 describer->UnloadObjectInfo();

@@ -22,7 +22,6 @@
 #include "identity/object_identity.h"
 #include "metaobj/records.h"
 #include "plugin/com_handler.h"
-#include "plugin/object_creation.h"
 #include "tests/support/counting_dispatch.h"
 #include "tests/support/registry_fixture.h"
 
@@ -33,11 +32,7 @@ namespace {
 std::string Narrow(const CMetaString& text) { return text.GetNarrow() ? text.GetNarrow() : ""; }
 
 // A value under the class key (or, for a path that begins with "/", under the root); "$" is the braced class id.
-struct Entry {
-    std::string path;
-    const char* name;
-    std::string value;
-};
+struct Entry { std::string path; const char* name; std::string value; };
 
 std::string Expand(std::string text, const ScratchClass& scratch)
 {
@@ -275,11 +270,8 @@ TEST(TypeLibraryTest, LibraryIdsComeFromTheClassKeyOrTheAttribute)
 
     const CCOMIdentity bare(("COM://Not.Registered?TypeLib=" + attributeId).c_str(), 1);
     EXPECT_TRUE(bare.GetTypeLibGuid(guid, nullptr));
-}
 
-// A class's interfaces are the catalogue tests'; here an interface named by its IID, and where nothing is found.
-TEST(TypeLibraryTest, CollectsTheInterfaceNamed)
-{
+    // A class's interfaces are the catalogue tests'; here an interface named by its IID, and where nothing is found.
     const char kDictionaryIid[] = "{42C642C1-97E1-11CF-978F-00A02463E06F}";
     CTypeInfoList list;
     EXPECT_EQ(CollectTypeInfos(kDictionaryIid, list, kScriptingLibrary), 1u);
@@ -334,66 +326,6 @@ TEST(ComIdentityTest, ConstructorsAndClassIdNames)
     }
     const CLSID classId = {0xEE09B103, 0x97E0, 0x11CF, {0x97, 0x8F, 0x00, 0xA0, 0x24, 0x63, 0xE0, 0x6F}};
     EXPECT_EQ(CCOMIdentity(classId).GetText(), "COM://EE09B103-97E0-11CF-978F-00A02463E06F");
-}
-
-// A class factory's server (context 16, else 23) and credentials: attributes before the host's defaults.
-std::wstring Units(const USHORT* text, ULONG length)
-{
-    return text ? std::wstring(reinterpret_cast<const wchar_t*>(text), length) : std::wstring(L"(null)");
-}
-
-TEST(ActivationTest, DecisionTable)
-{
-    const struct {
-        const char* identity;
-        bool withParams;
-        const wchar_t *hostDefault, *userDefault;
-        const wchar_t* serverName;                 // null: no name
-        const wchar_t *user, *password, *domain;  // null user: no credentials
-    } rows[] = {
-        {"COM://X", true, L"", L"", nullptr, nullptr, nullptr, nullptr},
-        {"COM://X?Host=far", false, nullptr, nullptr, L"far", nullptr, nullptr, nullptr},  // the attributes alone
-        {"COM://X?Host=far", true, L"near", L"", L"far", nullptr, nullptr, nullptr},
-        {"COM://X?Host=", true, L"near", L"", L"near", nullptr, nullptr, nullptr},
-        {"COM://X?Username=u", false, nullptr, nullptr, nullptr, L"u", L"(null)", L"(null)"},
-        {"COM://X?Host=far?Username=u?Password=pw?Domain=dom", true, L"", L"", L"far", L"u", L"pw", L"dom"},
-        {"COM://X?Password=p", true, L"", L"dflt", nullptr, L"dflt", L"p", L"dflt-dom"},
-        {"COM://X?Username=u", true, L"", L"", nullptr, L"u", L"dflt-pw", L"dflt-dom"},
-        {"COM://X?Password=p?Domain=d", true, L"", L"", nullptr, nullptr, nullptr, nullptr},  // no user: no effect
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.identity << (row.withParams ? " with defaults" : ""));
-        const CCOMIdentity identity(row.identity, 1);
-        std::unique_ptr<CObjectOpenParams> params;
-        if (row.withParams) {
-            params = std::make_unique<CObjectOpenParams>();
-            params->host = CMetaString(row.hostDefault);
-            params->userName = CMetaString(row.userDefault);
-            params->password = CMetaString(L"dflt-pw");
-            params->domain = CMetaString(L"dflt-dom");
-        }
-        CActivation activation;
-        activation.Decide(true, identity, params.get());  // without DCOM: module tests
-        EXPECT_EQ(activation.classContext, row.serverName ? 16u : 23u);
-        EXPECT_EQ(activation.serverInfo != nullptr, row.serverName || row.user);
-        if (!activation.serverInfo)
-            continue;
-        EXPECT_EQ(activation.serverInfo, &activation.server);
-        const wchar_t* name = activation.server.pwszName;
-        EXPECT_EQ(std::wstring(name ? name : L"(null)"), row.serverName ? row.serverName : L"(null)");
-        if (!row.user) {
-            EXPECT_EQ(activation.server.pAuthInfo, nullptr);
-            continue;
-        }
-        const COAUTHINFO* auth = activation.server.pAuthInfo;
-        ASSERT_NE(auth, nullptr);
-        EXPECT_EQ(auth->dwAuthzSvc + auth->dwAuthnLevel + auth->dwCapabilities, 0u);  // the rest: module tests
-        const COAUTHIDENTITY* id = auth->pAuthIdentityData;
-        ASSERT_NE(id, nullptr);
-        EXPECT_EQ(Units(id->User, id->UserLength), row.user);
-        EXPECT_EQ(Units(id->Password, id->PasswordLength), row.password);
-        EXPECT_EQ(Units(id->Domain, id->DomainLength), row.domain);
-    }
 }
 
 // A handler and a reference host whose table the module sees, as after SetEnvironment.
@@ -465,14 +397,13 @@ protected:
     std::vector<std::string> keys;
 };
 
-TEST_F(CatalogueTest, StatusesOfLoadsThatCannotGoAhead)
+TEST_F(CatalogueTest, LoadsThatCannotGoAheadLiveObjectsAndProbes)
 {
     EXPECT_EQ(handler.LoadObjectInfo(""), MetaStatusBadIdentity);
     EXPECT_EQ(handler.LoadObjectInfo("Scripting.Dictionary"), MetaStatusBadIdentity);
 
     // An unknown class is the comtool check's; a library attribute decides before the class.
     EXPECT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary?TypeLib=nonsense"), MetaStatusNoTypeInfo);
-    EXPECT_EQ(Narrow(handler.GetErrorText()), "Could not load type library");
     EXPECT_EQ(handler.GetMethodCount(), 0u);
     CMethodNameList* names = nullptr;
     EXPECT_EQ(handler.GetMethodNames(&names), MetaStatusNoTypeInfo);
@@ -486,13 +417,12 @@ TEST_F(CatalogueTest, StatusesOfLoadsThatCannotGoAhead)
     host.RefuseEnds(false);
 
     ASSERT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusOk);
-    const std::size_t callsBefore = host.LoadCalls().size();
+    std::size_t calls = host.LoadCalls().size();
     EXPECT_EQ(handler.LoadObjectInfo(""), MetaStatusOk);  // the identity it holds
-    EXPECT_EQ(host.LoadCalls().size(), callsBefore + 1);
-}
+    EXPECT_EQ(host.LoadCalls().size(), calls + 1);
+    handler.UnloadObjectInfo();
 
-TEST_F(CatalogueTest, LiveObjectsWithoutTypeInformationAndProbes)
-{
+    // A live object without type information, and probes.
     CCountingDispatch object;
     handler.AttachObject(&object, "COM://Not.Registered");
     EXPECT_EQ(handler.LoadObjectInfo("COM://Scripting.Dictionary"), MetaStatusBadIdentity);
@@ -501,8 +431,9 @@ TEST_F(CatalogueTest, LiveObjectsWithoutTypeInformationAndProbes)
     handler.DetachObject();
     EXPECT_EQ(object.References(), 1);
 
+    calls = host.LoadCalls().size();
     EXPECT_TRUE(handler.CanLoadObjectInfo("COM://Scripting.FileSystemObject"));
-    EXPECT_FALSE(host.LoadCalls().empty());
+    EXPECT_GT(host.LoadCalls().size(), calls);
     EXPECT_EQ(host.LoadCalls().back(), "Release");
     EXPECT_FALSE(handler.CanLoadObjectInfo("COM://No.Such.Class"));
 }
@@ -535,7 +466,7 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
         const wchar_t* key;
         std::uint32_t index, direction, type;
         std::int32_t isByRef;
-        const char *typeName, *signature;
+        const char *name, *signature;
     } rows[] = {
         {L"Invoke:Paint", 0, 0, MetaTypeEnum, 0, "Colour", "VT_BYREF"},
         {L"Invoke:Paint", 1, 0, MetaTypeStruct, 1, "Shape", nullptr},
@@ -551,7 +482,7 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
         EXPECT_EQ(param->direction, row.direction);
         EXPECT_EQ(param->type.type, row.type);
         EXPECT_EQ(param->type.isByRef, row.isByRef);
-        EXPECT_EQ(Narrow(param->type.typeName), row.typeName);
+        EXPECT_EQ(Narrow(param->type.typeName), row.name);
         EXPECT_TRUE(!row.signature || Narrow(param->type.signature) == row.signature) << Narrow(param->type.signature);
     }
     EXPECT_EQ(Param(L"Invoke:Arrays", 1)->isAny, 1);
@@ -614,11 +545,8 @@ TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
 // Versions are hexadecimal, weighed as major + minor / 100; only the pick (1.0 to load) is loaded.
 TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
 {
-    const struct {
-        const char* label;
-        std::vector<std::pair<std::string, bool>> versions;  // name, holds the real file
-        bool loads;
-    } rows[] = {
+    // Versions: name, and whether it holds the real file.
+    const struct { const char* label; std::vector<std::pair<std::string, bool>> versions; bool loads; } rows[] = {
         {"0.63 is 0.99", {{"1.0", true}, {"0.63", false}}, true},
         {"0.ff is 2.55", {{"1.0", true}, {"0.ff", false}}, false},
         {"0.a is 0.10", {{"0.a", false}, {"1.0", true}}, true},
@@ -646,27 +574,10 @@ TYPEDESC Around(VARTYPE vt, TYPEDESC* inner = nullptr)
     return type;
 }
 
-TEST(TypeNamesTest, SignaturesReadBackToVarTypes)
-{
-    const struct { const wchar_t* signature; VARTYPE vt; } rows[] = {
-        {L"VT_I4|VT_PTR", VT_I4 | VT_BYREF}, {L"VT_BSTR|VT_ARRAY", VT_BSTR | VT_BYREF}, {L"vt_i4", VT_VOID},
-        {L"VT_REAL", VT_VOID},               {L"VT_USERDEFINED", VT_VOID},           {nullptr, VT_VOID},
-        {L"VT_I44", VT_VOID},                {L"VT_BOOL|", VT_BOOL | VT_BYREF},      {L"|VT_PTR", VT_VOID},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.signature ? CMetaString(row.signature).GetNarrow() : "null");
-        EXPECT_EQ(VarTypeFromSignature(row.signature), row.vt);
-    }
-}
-
 TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
 {
-    const struct {
-        const wchar_t* word;
-        bool byRef;
-        const wchar_t* signature;  // null: refused
-        VARTYPE readBack;
-    } words[] = {
+    // A null signature: refused.
+    const struct { const wchar_t* word; bool byRef; const wchar_t* signature; VARTYPE readBack; } words[] = {
         {L"int", true, L"VT_I4|VT_BYREF", VT_I4 | VT_BYREF},     {L"Float", false, L"VT_REAL", VT_VOID},
         {L"TEXT", false, L"VT_BSTR", VT_BSTR},                   {L"bool", true, L"VT_BOOL|VT_BYREF", VT_BOOL | VT_BYREF},
         {L"Char", false, L"VT_UI1", VT_UI1},                     {L"structure", false, L"VT_USERDEFINED", VT_VOID},
@@ -683,6 +594,12 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
         EXPECT_EQ(Text(signature), row.signature ? row.signature : L"untouched");
         EXPECT_EQ(VarTypeFromSignature(signature.GetWide()), row.readBack);
     }
+    const std::pair<const wchar_t*, VARTYPE> signatures[] = {
+        {L"VT_I4|VT_PTR", VT_I4 | VT_BYREF}, {L"VT_BSTR|VT_ARRAY", VT_BSTR | VT_BYREF}, {L"vt_i4", VT_VOID},
+        {nullptr, VT_VOID}, {L"VT_I44", VT_VOID}, {L"VT_BOOL|", VT_BOOL | VT_BYREF}, {L"|VT_PTR", VT_VOID},
+    };
+    for (const auto& row : signatures)
+        EXPECT_EQ(VarTypeFromSignature(row.first), row.second) << "signature row " << (&row - signatures);
     const struct { const wchar_t* key; MethodKind kind; const wchar_t* name; } rows[] = {  // "kept" when untouched
         {L"GET:Name", MethodKindGet, L"Name"},  {L"Set:", MethodKindSet, L""},          {L"Call:A:B", MethodKindInvoke, L"A:B"},
         {L"NoColon", MethodKindInvoke, L"kept"}, {L"Gets:Name", MethodKindInvoke, L"Name"},
@@ -754,8 +671,7 @@ TEST(TypeDescShapesTest, PlainPointerAndArrayTypes)
         const TYPEDESC* type;
         std::uint32_t metaType;
         std::int32_t isByRef;
-        const wchar_t* typeName;
-        const wchar_t* signature;
+        const wchar_t *typeName, *signature;
         std::int32_t dimensions;
     } rows[] = {
         {"pointer to void", &pointerToVoid, MetaTypeVoid, 1, L"None", L"VT_VOID|VT_PTR", 0},
