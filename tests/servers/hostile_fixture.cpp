@@ -78,13 +78,13 @@ public:
         VARIANT ignored = {};
         VARIANT& out = result ? *result : ignored;
         const LONG number = LongArgument(params, 0);
-        if (id >= 3 && id <= 6)  // GarbageText, GarbageVariant, GarbageObject, GarbageArray
-            return GarbageCell(id, params);
         switch (id) {
         case 1:  // FailQueryEvery, a put that also restarts the count
             InterlockedExchange(&g_failQueryEvery, number);
             InterlockedExchange(&g_queries, 0);
             return S_OK;
+        case 3:
+            return Garbage(params);
         case 7:  // FailWithResult: against COM's advice, but valid: the caller clears it.
             out.vt = VT_BSTR;
             out.bstrVal = SysAllocString(L"left behind");
@@ -123,15 +123,16 @@ public:
     }
 
 private:
-    // Garbage*(freeFirst, cell), ids 3 to 6, as hostile_fixture_values.h says.
-    static HRESULT GarbageCell(DISPID id, DISPPARAMS* params)
+    // Garbage(freeFirst, cell), as hostile_fixture_values.h says: a BSTR, VARIANT, IDispatch* or array cell.
+    static HRESULT Garbage(DISPPARAMS* params)
     {
-        static constexpr VARTYPE kCellTypes[] = {VT_BSTR, VT_VARIANT, VT_DISPATCH, VT_ARRAY | VT_I4};
-        const VARTYPE type = kCellTypes[id - 3];
-        void* cell = Cell(params, 1, type);
-        const LONG freeFirst = LongArgument(params, 0);
-        if (!cell)
+        VARIANT* argument = Argument(params, 1);
+        const VARTYPE type = argument ? VARTYPE(argument->vt & ~VT_BYREF) : VARTYPE(VT_EMPTY);
+        const bool known = type == VT_BSTR || type == VT_VARIANT || type == VT_DISPATCH || type == (VT_ARRAY | VT_I4);
+        if (!known || !(argument->vt & VT_BYREF))
             return DISP_E_TYPEMISMATCH;
+        void* cell = argument->byref;
+        const LONG freeFirst = LongArgument(params, 0);
         VARIANT owner;  // frees, releases or destroys by its type
         owner.vt = type;
         owner.byref = *static_cast<void**>(cell);

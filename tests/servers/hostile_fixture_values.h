@@ -8,8 +8,8 @@ namespace HostileValues {
 constexpr wchar_t kProgId[] = L"ComHandlerTest.HostileFixture";
 constexpr char kProgIdNarrow[] = "ComHandlerTest.HostileFixture";
 
-// FailQueryEvery(n): every nth QueryInterface of a hostile object fails; Garbage*(freeFirst, cell) fail with
-// kGarbage left in the cell, after freeing what came in if freeFirst; GarbageText's freeFirst 2 leaves a text.
+// FailQueryEvery(n): every nth QueryInterface of a hostile object fails; Garbage(freeFirst, cell) fails with
+// kGarbage left in the cell, after freeing what came in if freeFirst; freeFirst 2 leaves a BSTR cell a text.
 constexpr std::uintptr_t kGarbage = 0xdeadbeef;
 
 enum ArrayShape : std::int32_t {  // GiveArray(shape)

@@ -152,7 +152,6 @@ TEST(ItemTest, CloneKeepsEveryFieldOfEveryClass)
     }
 }
 
-// The plain forms are the hostile tests'; here the ends that are missing or cut, and the lengths.
 TEST(ItemTest, VariableTagsAreReadInEitherOrderAndAnyQuoting)
 {
     const struct { const wchar_t* tag; const wchar_t *name, *scope; } rows[] = {  // null name: not parsed
@@ -161,7 +160,8 @@ TEST(ItemTest, VariableTagsAreReadInEitherOrderAndAnyQuoting)
         {L"<@VARPARAM NAME=x", nullptr, nullptr},         {L"<@VARPARAM NAME=\"x>", nullptr, nullptr},
         {L"<@VARPARAM NAME=", nullptr, nullptr},          {L"<@VARPAX", nullptr, nullptr},
         {L"<@VARPARAM SCOPE=y>", nullptr, nullptr},       {L"<@NULLOBJECT>", nullptr, nullptr},
-        {L"", nullptr, nullptr},
+        {L"", nullptr, nullptr},                          {L"<@VARPARAM SCOPE='s' NAME=n>", L"n", L"s"},
+        {L"<@VARPARAM XNAME=b>", L"b", L"keep"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
@@ -188,12 +188,7 @@ TEST(ItemTest, VariableTagsAreReadInEitherOrderAndAnyQuoting)
 
 TEST(ItemTest, ArraysAreSizedByTheProductOfTheirBoundsAndKeepTheirSlots)
 {
-    const struct {
-        std::vector<std::pair<std::int32_t, std::int32_t>> bounds;
-        bool hasBounds, result;
-        std::int32_t count;
-        bool block;
-    } rows[] = {
+    const struct { std::vector<std::pair<int, int>> bounds; bool hasBounds, result; int count; bool block; } rows[] = {
         {{{0, 2}, {0, 3}}, true, true, 6, true}, {{{5, 1}}, true, true, 1, true},
         {{{0, 0}}, true, false, 0, false},       {{{0, 2}, {0, 0}}, true, false, 0, false},
         {{{0, -1}}, true, true, -1, false},      {{}, true, false, 0, false},
@@ -321,7 +316,7 @@ TEST(TypeDescTest, CopiesAreDeepAndRefusalsLeaveArgumentsWithTheCaller)
 
 // Items to VARIANTs and SAFEARRAYs and back, without a server: these translations need no object.
 enum Kind { Int, Char, Real, Bool, Enum, Unknown, Text, Currency, Date };
-enum Flags { NullTag = 1, Optional = 2, Omitted = 4, OutOnly = 8 };
+enum Flags { NullTag = 1, Optional = 2, Omitted = 4, OutOnly = 8, CutTag = 16 };
 
 struct ItemShape {
     Kind kind;
@@ -352,8 +347,8 @@ ItemPtr Make(const ItemShape& shape)
         item->GetTypeDesc().type = shape.kind == Enum ? MetaTypeEnum : MetaTypeUnknown;
     item->GetTypeDesc().signature = CMetaString(shape.signature);
     item->GetTypeDesc().isByRef = shape.byRef;
-    if (shape.flags & NullTag)
-        item->SetTagText(CMetaString(L"<@nullobject>"));
+    if (shape.flags & (NullTag | CutTag))
+        item->SetTagText(CMetaString(shape.flags & NullTag ? L"<@nullobject>" : L"<@NULLOBJECT"));
     item->SetOptional((shape.flags & Optional) != 0);
     item->SetOmitted((shape.flags & Omitted) != 0);
     item->SetDirection(shape.flags & OutOnly ? 1 : shape.byRef ? 2 : 0);
@@ -394,20 +389,9 @@ struct Argument {
     ~Argument() { ReleaseArgument(value); }
 };
 
-CCOMMethodInvoke& Call()
-{
-    static CCOMMethodInvoke call(nullptr, 0, MethodKindInvoke);
-    return call;
-}
-
 TEST(ItemToVariantTest, ByValueAndByReferenceRows)
 {
-    const struct {
-        const char* name;
-        ItemShape item;
-        VARTYPE vt;  // VT_ILLEGAL: refused
-        const wchar_t* held;
-    } rows[] = {
+    const struct { const char* name; ItemShape item; VARTYPE vt; const wchar_t* held; } rows[] = {  // VT_ILLEGAL: no
         {"char as VT_I1", {Char, 0x1FF, L"VT_I1"}, VT_I1, L"-1"},
         {"int as VT_I2 keeps 16 bits", {Int, 0x12345, L"VT_I2"}, VT_I2, L"9029"},
         {"real as VT_R4", {Real, 2.5, L"VT_R4"}, VT_R4, L"2.500000"},
@@ -425,6 +409,7 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
         {"wrong item class for the row", {Text, 0, L"VT_I4", 0, 0, L"1"}, VT_ILLEGAL, nullptr},
         {"unknown goes as its word, never by reference", {Unknown, 0xBEEF, L"VT_I4|VT_PTR"}, VT_I4, L"48879"},
         {"null object tag in small letters wins over the type", {Int, 3, L"VT_I4", 0, NullTag}, VT_NULL, L""},
+        {"a cut null object tag is none", {Int, 3, L"VT_I4", 0, CutTag}, VT_I4, L"3"},
         {"omitted optional wins over everything", {Int, 3, L"VT_I8", 0, Optional | Omitted}, VT_ERROR, L"-2147352572"},
         {"omitted but not optional goes by the table", {Int, 3, L"VT_I8", 0, Omitted}, VT_ILLEGAL, nullptr},
         {"byte cell", {Char, 'A', L"VT_UI1|VT_PTR", 1}, VT_UI1 | VT_BYREF, L"65"},
@@ -448,13 +433,8 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
 // Cells of each type written back are the call tests'; here the cells an object left odd.
 TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
 {
-    const struct {
-        const char* name;
-        ItemShape item;           // as it went out
-        std::function<void(VARIANT&)> changed;  // what the object did to the argument
-        bool written;
-        const wchar_t* shown;
-    } rows[] = {
+    using Change = std::function<void(VARIANT&)>;  // what the object did to the argument
+    const struct { const char* name; ItemShape item; Change changed; bool written; const wchar_t* shown; } rows[] = {
         {"VT_BOOL 1 is false", {Bool, 1, L"VT_BOOL|VT_PTR", 1}, [](VARIANT& v) { *v.pboolVal = 1; }, true, L"false"},
         {"a BSTR the object left null is an empty text", {Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"before"},
          [](VARIANT& v) { SysFreeString(*v.pbstrVal); *v.pbstrVal = nullptr; }, true, L""},
@@ -464,9 +444,6 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
          {Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"in"},
          [](VARIANT& v) { VariantClear(v.pvarVal); v.pvarVal->vt = VT_I8; v.pvarVal->llVal = 5000000000LL; }, true,
          L"5000000000"},
-        {"a flag in a variant cell reads back by its own type", {Bool, 0, L"VT_VARIANT|VT_PTR", 1},
-         [](VARIANT& v) { VariantClear(v.pvarVal); v.pvarVal->vt = VT_BOOL; v.pvarVal->boolVal = VARIANT_TRUE; }, true,
-         L"true"},
         {"a signature without a row keeps the value", {Int, 4, L"VT_I8"}, nullptr, false, L"4"},
         {"an omitted argument has no cell", {Int, 4, L"VT_I4|VT_PTR", 1, Optional | Omitted}, nullptr, false, L"4"},
     };
@@ -488,12 +465,10 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         {L"VT_I2|VT_ARRAY", {Int, 0x12345, L""}, VT_I2, L"9029"},
         {L"VT_UI4|VT_ARRAY", {Int, -1, L""}, VT_UI4, L"4294967295"},
         {L"VT_ERROR|VT_ARRAY", {Int, E_FAIL, L""}, VT_ERROR, L"-2147467259"},
-        {L"VT_I4|VT_ARRAY", {Enum, 3, L""}, VT_I4, L"3"}, {L"VT_R8|VT_ARRAY", {Real, 0.1, L""}, VT_R8, L"0.100000"},
-        {L"VT_BOOL|VT_ARRAY", {Bool, 1, L""}, VT_BOOL, L"-1"}, {L"VT_BOOL|VT_ARRAY", {Bool, 2, L""}, VT_BOOL, L"0"},
+        {L"VT_I4|VT_ARRAY", {Enum, 3, L""}, VT_I4, L"3"}, {L"VT_BOOL|VT_ARRAY", {Bool, 2, L""}, VT_BOOL, L"0"},
         {L"VT_BSTR|VT_ARRAY", {Text, 0, L"", 0, 0, L"h\u00e4j"}, VT_BSTR, L"h\u00e4j"},
         {L"VT_VARIANT|VT_ARRAY", {Text, 0, L"", 0, 0, L"12"}, VT_VARIANT, L"<8:12>"},
         {L"VT_VARIANT|VT_ARRAY", {Int, 5, L""}, VT_VARIANT, L"<3:5>"},
-        {L"VT_CY|VT_ARRAY", {Currency, 0, L"", 0, 0, L"12.5"}, VT_CY, L"125000"},
         {L"VT_CY|VT_ARRAY", {Currency, 0, L"", 0, 0, L"twelve"}, VT_CY, L"0"},
         {L"VT_DATE|VT_ARRAY", {Date, 0, L"", 0, 0, L"1/2/2020 6:00:00 AM"}, VT_DATE, L"43832.250000"},  // with its time
         {L"VT_I4|VT_ARRAY", {Text, 0, L"", 0, 0, L"9"}, VT_I4, L"0"},  // wrong class: the default
@@ -501,6 +476,7 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         {L"VT_I2", {Int, 4, L""}, VT_I2, L"4"},                       // without |VT_ARRAY
         {L"VT_I4|VT_PTR|VT_ARRAY", {Int, 1, L""}, VT_ILLEGAL, nullptr},  // by-reference elements are refused
     };
+    CCOMMethodInvoke call(nullptr, 0, MethodKindInvoke);
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::Message() << "row " << (&row - rows));
         std::unique_ptr<CMetaObjectArray, ClearingDelete> array(new CMetaObjectArray);
@@ -512,7 +488,7 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         array->InitElements(type);
         array->elements[0] = Make(row.element).release();
         CVariant out;
-        ASSERT_EQ(Call().ArrayItemToVariant(array.get(), out.Get()), row.type != VT_ILLEGAL);
+        ASSERT_EQ(call.ArrayItemToVariant(array.get(), out.Get()), row.type != VT_ILLEGAL);
         if (row.type == VT_ILLEGAL)
             continue;
         ASSERT_EQ(out.Get().vt, VT_ARRAY | row.type);
@@ -526,22 +502,17 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
 
 TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
 {
-    const struct {
-        VARTYPE type;
-        std::function<void(VARIANT&)> value;  // the element; for VT_VARIANT the VARIANT itself
-        const char* itemClass;
-        const wchar_t* shown;
-    } rows[] = {
+    using Set = std::function<void(VARIANT&)>;  // the element; for VT_VARIANT the VARIANT itself
+    const struct { VARTYPE type; Set value; const char* itemClass; const wchar_t* shown; } rows[] = {
         {VT_I1, [](VARIANT& v) { v.cVal = -1; }, "Char", L"\xFFFF"},  // sign-extended
         {VT_UI1, [](VARIANT& v) { v.bVal = 0xFF; }, "Char", L"\xFF"},
         {VT_UI2, [](VARIANT& v) { v.uiVal = 0xFFFF; }, "Int", L"65535"},
         {VT_UI4, [](VARIANT& v) { v.ulVal = 0xFFFFFFFF; }, "Int", L"-1"},
         {VT_ERROR, [](VARIANT& v) { v.scode = E_FAIL; }, "Int", L"-2147467259"},
         {VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }, "Bool", L"true"},
-        {VT_BSTR, [](VARIANT& v) { v.bstrVal = SysAllocString(L"text"); }, "String", L"text"},
-        {VT_CY, [](VARIANT& v) { v.cyVal.int64 = 125000; }, "Currency", L"12.5"},
         {VT_VARIANT, [](VARIANT& v) { v.vt = VT_I4; v.lVal = 8; }, "Int", L"8"},
     };
+    CCOMMethodInvoke call(nullptr, 0, MethodKindInvoke);
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::Message() << "type " << row.type << " " << row.itemClass);
         SAFEARRAYBOUND bound{1, 0};
@@ -555,7 +526,7 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
         std::memcpy(data, row.type == VT_VARIANT ? static_cast<void*>(&element) : &element.llVal,
                     SafeArrayGetElemsize(value.Get().parray));
         SafeArrayUnaccessData(value.Get().parray);
-        ItemPtr item(Call().VariantToItem(value.Get()));
+        ItemPtr item(call.VariantToItem(value.Get()));
         auto* read = dynamic_cast<CMetaObjectArray*>(item.get());
         ASSERT_NE(read, nullptr);
         ASSERT_EQ(read->elementCount, 1);
@@ -586,9 +557,10 @@ public:
     MetaStatus openedResult = MetaStatusOk;
 };
 
-// Uses with an object are the module tests'; here a handler without one.
-TEST(HandlerTest, UsesCloseOnceAndAClosedHandlerStartsAgain)
+// Uses with an object are the module tests'; here a handler without one closes, and starts again.
+TEST(HandlerTest, UsesCloseOnceThenAttachDetachAndOpen)
 {
+    CCountingDispatch first;
     CWatchedHandler handler;
     CObjectIdentity identity;
     identity.SetText("COM://Sample.Object?Host=alpha");
@@ -598,13 +570,7 @@ TEST(HandlerTest, UsesCloseOnceAndAClosedHandlerStartsAgain)
     EXPECT_EQ(handler.Release(), MetaStatusNotInUse);
     EXPECT_EQ(handler.closingCalls, 1);
     EXPECT_EQ(handler.AddUse(), MetaStatusOk);
-    EXPECT_EQ(handler.GetUseCount(), 1u);
-}
-
-TEST(HandlerTest, AttachDetachAndOpen)
-{
-    CCountingDispatch first;
-    CWatchedHandler handler;
+    EXPECT_EQ(handler.GetUseCount(), 1u);  // a closed handler starts again
     ASSERT_EQ(handler.AttachObject(&first, "COM://First.Object"), MetaStatusOk);
     EXPECT_EQ(handler.AttachObject(nullptr, "COM://Other"), MetaStatusNoObjectGiven);  // changes nothing
     EXPECT_EQ(handler.GetObjectPointer(), &first);
@@ -755,8 +721,8 @@ TEST(HostEnvironmentTest, ValidOnlyWithContextAndWordsTwentyToTwentyFive)
     }
 }
 
-// The host reaches operations by virtual slot and fields by offset: these rows pin both. In mingw's
-// Itanium ABI a pointer to a virtual member function holds 1 plus its slot's byte offset.
+// The host reaches operations by slot and fields by offset. In mingw's Itanium ABI a pointer to a virtual
+// member function holds 1 plus its slot's byte offset.
 template <typename MemberFunction>
 std::ptrdiff_t SlotOf(MemberFunction member)
 {
@@ -776,11 +742,8 @@ TEST(LayoutTest, VirtualOperationsKeepTheHostsOrder)
 {
     using Mutable = CTypeDesc& (CMetaObjectItem::*)();
     using Constant = const CTypeDesc& (CMetaObjectItem::*)() const;
-    const struct {
-        const char* table;
-        std::ptrdiff_t first, destructorAt;  // the destructor takes two slots (complete and deleting)
-        std::vector<Slot> slots;
-    } tables[] = {
+    // The destructor takes two slots (complete and deleting).
+    const struct { const char* table; std::ptrdiff_t first, destructorAt; std::vector<Slot> slots; } tables[] = {
         {"handler", 0, 5, {H(OpenObject), H(CloseObject), H(OnObjectOpened), H(OnObjectClosing), H(IsObjectAttached),
           H(SetIdentity), H(IsOpen), H(Open), H(AddUse), H(FreeObjectInfo), H(FreeMethodInfo), H(FreeItem),
           H(FreeParamInfo), H(FreeRecordList1), H(FreeRecordList2), H(FreeRecordList3), H(FreeMethodNameList),
@@ -829,11 +792,8 @@ TEST(LayoutTest, FieldsFollowInTheHostsOrder)
     CArrayWalker walker(1, vector, vector, vector);
     MoxText text;
     const std::ptrdiff_t word = sizeof(void*), string = sizeof(CMetaString);
-    const struct {
-        const char* record;
-        std::ptrdiff_t first;                 // the first field's offset
-        std::vector<std::ptrdiff_t> offsets;  // strictly ascending
-    } records[] = {
+    // The first field's offset, then all offsets, strictly ascending.
+    const struct { const char* record; std::ptrdiff_t first; std::vector<std::ptrdiff_t> offsets; } records[] = {
         {"handler", word, {AT(handler, useCount), AT(handler, lock), AT(handler, identity), AT(handler, dcomEnabled),
                            AT(handler, object)}},
         {"lock", 0, {AT(handler.lock, kind), AT(handler.lock, section)}},
