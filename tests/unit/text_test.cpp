@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "identity/com_identity.h"
-#include "metaobj/scalar_items.h"
 #include "tests/support/leak_check.h"
 #include "text/meta_string.h"
 #include "text/mox_data.h"
@@ -100,11 +99,8 @@ TEST(MetaStringTest, AppendsCopiesAndTheCachedNarrowCopy)
 
 TEST(MetaStringTest, CompareFollowsThePointerRulesThenTheTexts)
 {
-    const struct {
-        const wchar_t *own, *other;  // null own: a string that holds nothing
-        size_t count;
-        int compare, compareNoCase;
-    } rows[] = {
+    // A null own text: a string that holds nothing.
+    const struct { const wchar_t *own, *other; size_t count; int compare, compareNoCase; } rows[] = {
         {nullptr, nullptr, 0, 0, 0},  {nullptr, L"", 0, -1, -1},  // pointers first: a non-null empty text is more
         {L"a", nullptr, 0, 1, 1},     {L"abc", L"abc", 0, 0, 0},    {L"abc", L"ABC", 0, 1, 0},
         {L"abc", L"abd", 0, -1, -1},  {L"ab", L"abc", 0, -1, -1},   {L"abc", L"ab", 0, 1, 1},
@@ -271,8 +267,6 @@ public:
     std::size_t Between(std::size_t low, std::size_t high) { return low + Below(high - low + 1); }
     bool OneIn(std::size_t n) { return Below(n) == 0; }
     std::uint32_t Word() { return static_cast<std::uint32_t>(engine_()); }
-    template <std::size_t N>
-    const char* Pick(const char* const (&items)[N]) { return items[Below(N)]; }
     std::string From(const std::string& alphabet, std::size_t minLength, std::size_t maxLength)
     {
         std::string text(Between(minLength, maxLength), '\0');
@@ -426,7 +420,8 @@ void MoxTextFormats(TextGenerator& gen)
         r.isText = gen.OneIn(2);
         const std::string before = literal();
         r.text = r.isText ? (gen.OneIn(8) ? std::string(gen.Between(9000, 30000), 'w') : gen.OddNarrow(40)) : "";
-        const std::string conversion = r.isText ? gen.Pick(kTextConversions) : gen.Pick(kNumberConversions);
+        const std::string conversion = r.isText ? kTextConversions[gen.Below(std::size(kTextConversions))]
+                                                : kNumberConversions[gen.Below(std::size(kNumberConversions))];
         r.number = static_cast<std::int32_t>(conversion == "%c" ? gen.Between(1, 255) : gen.Word());
         r.format = before + conversion + literal();
         expected += r.isText ? Expected(r.format.c_str(), r.text.c_str()) : Expected(r.format.c_str(), r.number);
@@ -457,40 +452,21 @@ void MoxTextFormats(TextGenerator& gen)
     });
 }
 
-struct Property {
-    const char* name;
-    std::uint32_t seed;
-    std::size_t cases;
-    void (*body)(TextGenerator&);
-};
-void PrintTo(const Property& property, std::ostream* out) { *out << property.name; }
-
-const Property kProperties[] = {
-    {"IdentityTexts", 1101, 5600, IdentityTexts}, {"MoxTextFormats", 5101, 2100, MoxTextFormats},
-};
-
-std::size_t g_casesRun = 0;
-
-class GeneratedInputTest : public testing::TestWithParam<Property> {
-protected:
-    static void TearDownTestSuite() { std::cout << "[ generated ] " << g_casesRun << " cases" << std::endl; }
-};
-
 // COMHANDLER_SOAK_CASES, when set, is the count of each property; a run stops at the first failing case.
-TEST_P(GeneratedInputTest, HoldsForEverySeededCase)
+void RunSeeded(const char* property, std::uint32_t seed, std::size_t cases, void (*body)(TextGenerator&))
 {
-    std::size_t count = GetParam().cases;
     if (const char* soak = std::getenv("COMHANDLER_SOAK_CASES"))
-        count = std::strtoull(soak, nullptr, 10) > 0 ? std::strtoull(soak, nullptr, 10) : count;
-    for (std::size_t index = 0; index < count && !HasFailure(); ++index, ++g_casesRun) {
-        SCOPED_TRACE(std::string(GetParam().name) + " seed " + std::to_string(GetParam().seed) + " case " +
-                     std::to_string(index));
-        TextGenerator generator(GetParam().seed, static_cast<std::uint32_t>(index));
-        GetParam().body(generator);
+        cases = std::strtoull(soak, nullptr, 10) > 0 ? std::strtoull(soak, nullptr, 10) : cases;
+    std::size_t index = 0;
+    for (; index < cases && !testing::Test::HasFailure(); ++index) {
+        SCOPED_TRACE(std::string(property) + " seed " + std::to_string(seed) + " case " + std::to_string(index));
+        TextGenerator generator(seed, static_cast<std::uint32_t>(index));
+        body(generator);
     }
+    std::cout << "[ generated ] " << property << ": " << index << " cases" << std::endl;
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeded, GeneratedInputTest, testing::ValuesIn(kProperties),
-                         [](const testing::TestParamInfo<Property>& info) { return std::string(info.param.name); });
+TEST(GeneratedInputTest, IdentityTexts) { RunSeeded("IdentityTexts", 1101, 5600, IdentityTexts); }
+TEST(GeneratedInputTest, MoxTextFormats) { RunSeeded("MoxTextFormats", 5101, 2100, MoxTextFormats); }
 
 }  // namespace
