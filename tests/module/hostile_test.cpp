@@ -134,9 +134,10 @@ TEST_F(HostileTest, CallsThatBreakTheRules)
         const Row rows[] = {
             {"an empty key", L"", ParamList(), failed, "none", kUntouchedCode},
             {"a key of 1,000 characters", longKey.c_str(), ParamList(), failed, "none", kUntouchedCode},
-            {"a signature of 65 characters", L"Invoke:Swallow", ParamList(Int(1, longSignature.c_str())), failed, "none",
+            {"a signature of 65 characters", L"Invoke:Swallow", ParamList(Int(1, longSignature.c_str())), failed,
+             "none", kUntouchedCode},
+            {"a name of 60 letters", L"Invoke:Swallow", ParamList(Int(1, longName.c_str())), failed, "none",
              kUntouchedCode},
-            {"a name of 60 letters", L"Invoke:Swallow", ParamList(Int(1, longName.c_str())), failed, "none", kUntouchedCode},
             {"a text for VT_I4", L"Invoke:Swallow", ParamList(Text(L"5", L"VT_I4")), failed, "none", kUntouchedCode},
             {"twelve pointer marks, by reference", L"Invoke:Swallow", ParamList(ByRef(Int(1, pointers), kInOut)), ok,
              "other", 1},

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <utility>
 
 #include "platform/handler_info.h"
 #include "tests/probe/probe_test.h"
@@ -57,19 +56,6 @@ TEST_F(ModuleTest, InitHandlerAndCleanUp)
     EXPECT_EQ(info->standardIcon, nullptr);
 }
 
-// Freeing a handler that is still open leaves its object's reference.
-TEST_F(ModuleTest, FreeingAnOpenHandlerLeavesItsObject)
-{
-    RunInitialised([&] {
-        CCountingDispatch freed;
-        CMetaObjectHandler* handler = module->GetHandlerObject();
-        freed.AddRef();  // the reference handed over
-        ASSERT_EQ(static_cast<CMetaObjectCOMHandler*>(handler)->AttachObject(&freed, "COM://Counting"), MetaStatusOk);
-        module->FreeHandlerObject(handler);
-        EXPECT_EQ(freed.References(), 2);
-    });
-}
-
 // What reaches the platform's CoGetClassObject, written down while it is in reach.
 std::wstring g_request;
 
@@ -117,7 +103,7 @@ TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
         ASSERT_TRUE(patch.Applied());
         for (const bool dcom : {true, false}) {
             for (const auto& row : rows) {
-                SCOPED_TRACE(testing::Message() << row.attributes << (row.withDefaults ? " with defaults" : "") << dcom);
+                SCOPED_TRACE(testing::Message() << "row " << (&row - rows) << (dcom ? "" : " without DCOM"));
                 CObjectOpenParams params;
                 params.host = CMetaString(row.host);
                 params.userName = CMetaString(row.user);
@@ -138,8 +124,9 @@ TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
     });
 }
 
-// Texts are per thread, and a thread's end frees them; a new call in a used slot frees the old one.
-TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
+// Texts are per thread, and a thread's end frees them; a new call in a used slot frees the old one;
+// freeing a handler that is still open leaves its object's reference.
+TEST_F(ProbeTest, WhatThreadsSlotsAndFreeingLeave)
 {
     CMetaObjectHandler* first = module->GetHandlerObject();
     CMetaObjectHandler* second = module->GetHandlerObject();
@@ -164,6 +151,14 @@ TEST_F(ProbeTest, WhatThreadsAndSlotsFree)
     for (CMetaObjectHandler* handler : {first, second})
         handler->Release();
     host.FreeReleasedHandlers(module->FreeHandlerObject);
+    RunInitialised([&] {
+        CCountingDispatch freed;
+        CMetaObjectHandler* handler = module->GetHandlerObject();
+        freed.AddRef();  // the reference handed over
+        ASSERT_EQ(static_cast<CMetaObjectCOMHandler*>(handler)->AttachObject(&freed, "COM://Counting"), MetaStatusOk);
+        module->FreeHandlerObject(handler);
+        EXPECT_EQ(freed.References(), 2);
+    });
 }
 
 // One host thread opens, calls, describes and frees handlers in turn, as a pooled worker does for months:

@@ -6,7 +6,6 @@
 
 constexpr int kCollectionLibraryResource = 4;
 
-// A new CollectionFixture, answering iid, whose one reference the caller owns;
-// and the fixture's objects alive now.
+// A new CollectionFixture, answering iid, whose one reference the caller owns; and those alive now.
 HRESULT CreateCollectionFixture(REFIID iid, void** out);
 LONG LiveCollectionObjects();

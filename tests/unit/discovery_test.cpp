@@ -212,7 +212,7 @@ struct ScratchLibrary {
     std::string libraryId, libraryKey;
 };
 
-TEST(TypeLibraryTest, LibraryFilesAreFoundByVersionAndLocale)
+TEST(TypeLibraryTest, FilesByVersionAndLocaleIdsByTheClassKeyOrTheAttribute)
 {
     using Key = std::array<const char*, 3>;  // version, locale (none: ""), file (none: "")
     const struct {
@@ -245,10 +245,8 @@ TEST(TypeLibraryTest, LibraryFilesAreFoundByVersionAndLocale)
         EXPECT_EQ(name, row.name);
         EXPECT_EQ(path, row.path);
     }
-}
 
-TEST(TypeLibraryTest, LibraryIdsComeFromTheClassKeyOrTheAttribute)
-{
+    // Library ids come from the class key or the attribute.
     ScratchLibrary library;
     std::string text;
     const std::string attributeId = std::string(kStdOleLibrary).substr(1, 36);
@@ -282,7 +280,7 @@ TEST(TypeLibraryTest, LibraryIdsComeFromTheClassKeyOrTheAttribute)
 }
 
 // Splits and round trips are the generated tests'; here lookups and refusals.
-TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
+TEST(IdentityTest, AttributesPartsRefusalsConstructorsAndClassIdNames)
 {
     CObjectIdentity identity;
     identity.SetText("COM://Sample.Object?Host=alpha?TypeLib=?a=1?A=2");
@@ -303,26 +301,18 @@ TEST(ObjectIdentityTest, AttributesPartsAndRefusals)
         identity.SetScheme(refused);
         EXPECT_EQ(identity.GetText(), "COM://Other.Object?a=1");
     }
-}
-
-TEST(ComIdentityTest, ConstructorsAndClassIdNames)
-{
-    const struct { const char* text; const char* identityText; bool complete, classId; } rows[] = {  // names only
-        {"Sample.Object", "COM://Sample.Object", true, false},
-        {"Sample?Object", "COM://", false, false},  // refused name: the scheme stays
-        {"", "COM://", false, false},
-        {"EE09B103-97E0-11CF-978F-00A02463E06F", "COM://EE09B103-97E0-11CF-978F-00A02463E06F", true, true},
-        {"not-a-guid-but-thirty-six-characters", "COM://not-a-guid-but-thirty-six-characters", true, true},
-        {"{EE09B103-97E0-11CF-978F-00A02463E06F}", "COM://{EE09B103-97E0-11CF-978F-00A02463E06F}", true, false},
-        {"EE09B103-97E0-11CF-978F-00A02463E06", "COM://EE09B103-97E0-11CF-978F-00A02463E06", true, false},
-        {"EE09B103.97E0-11CF-978F-00A02463E06F", "COM://EE09B103.97E0-11CF-978F-00A02463E06F", true, false},
+    // Bare names: a complete one is prefixed, a refused one leaves the scheme alone.
+    const struct { const char* text; bool complete, classId; } rows[] = {
+        {"Sample.Object", true, false}, {"Sample?Object", false, false}, {"", false, false},
+        {"not-a-guid-but-thirty-six-characters", true, true}, {"{EE09B103-97E0-11CF-978F-00A02463E06F}", true, false},
+        {"EE09B103-97E0-11CF-978F-00A02463E06", true, false}, {"EE09B103.97E0-11CF-978F-00A02463E06F", true, false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        CCOMIdentity identity(row.text, 0);
-        EXPECT_EQ(identity.GetText(), row.identityText);
-        EXPECT_EQ(identity.IsComplete(), row.complete);
-        EXPECT_EQ(identity.IsClassIdName(), row.classId);
+        const CCOMIdentity named(row.text, 0);
+        EXPECT_EQ(named.GetText(), row.complete ? "COM://" + std::string(row.text) : std::string("COM://"));
+        EXPECT_EQ(named.IsComplete(), row.complete);
+        EXPECT_EQ(named.IsClassIdName(), row.classId);
     }
     const CLSID classId = {0xEE09B103, 0x97E0, 0x11CF, {0x97, 0x8F, 0x00, 0xA0, 0x24, 0x63, 0xE0, 0x6F}};
     EXPECT_EQ(CCOMIdentity(classId).GetText(), "COM://EE09B103-97E0-11CF-978F-00A02463E06F");
@@ -512,9 +502,27 @@ TEST_F(FixtureLibraryTest, ParameterTypesAndDirections)
     EXPECT_EQ(Narrow(holder->type.structBody->members.back()->memberName), "weight");
 }
 
-// The fixture class registered with our server file and no "TypeLib" entry.
-TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
+TEST(RegisteredLibraryTest, TheServerFileWithoutAnEntryAndTheHighestWeighedVersion)
 {
+    // Versions are hexadecimal, weighed as major + minor / 100; only the pick (1.0, the real file) is loaded.
+    const struct { const char* label; std::vector<std::pair<std::string, bool>> versions; bool loads; } rows[] = {
+        {"0.63 is 0.99", {{"1.0", true}, {"0.63", false}}, true},
+        {"0.ff is 2.55", {{"1.0", true}, {"0.ff", false}}, false},
+        {"0.a is 0.10", {{"0.a", false}, {"1.0", true}}, true},
+        {"0.64 ties with 1.0, the first listed wins", {{"1.0", true}, {"0.64", false}}, false},
+        {"only 0.0", {{"0.0", true}}, false},
+        {"a name too long ends the list", {{"1.0", true}, {"1.0000000001", false}}, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.label);
+        ScratchClass scratch;
+        for (const auto& version : row.versions)
+            RegisterLibrary(scratch, version.first, version.second ? FixturePath() : "C:\\missing\\nothing.tlb");
+        EXPECT_EQ(static_cast<bool>(LoadRegisteredTypeLib(kLibraryId)), row.loads);
+    }
+    EXPECT_FALSE(LoadRegisteredTypeLib(nullptr));
+
+    // The fixture class registered with our server file and no "TypeLib" entry.
     ScratchClass registration;
     registration.Write("CLSID\\{6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20}\\InprocServer32", nullptr, ServerPath());
     const CCOMIdentity identity("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", 0);
@@ -542,28 +550,6 @@ TEST(ServerFileRoadTest, TheLibraryIsReadFromTheServerFile)
     EXPECT_EQ(CollectTypeInfos("6A0C5D10-3B1E-4C8A-9F21-6E2C0B7A1D20", list, nullptr), 3u);  // IOther's too
 }
 
-// Versions are hexadecimal, weighed as major + minor / 100; only the pick (1.0 to load) is loaded.
-TEST(RegisteredVersionTest, TheHighestWeighedVersionIsLoaded)
-{
-    // Versions: name, and whether it holds the real file.
-    const struct { const char* label; std::vector<std::pair<std::string, bool>> versions; bool loads; } rows[] = {
-        {"0.63 is 0.99", {{"1.0", true}, {"0.63", false}}, true},
-        {"0.ff is 2.55", {{"1.0", true}, {"0.ff", false}}, false},
-        {"0.a is 0.10", {{"0.a", false}, {"1.0", true}}, true},
-        {"0.64 ties with 1.0, the first listed wins", {{"1.0", true}, {"0.64", false}}, false},
-        {"only 0.0", {{"0.0", true}}, false},
-        {"a name too long ends the list", {{"1.0", true}, {"1.0000000001", false}}, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.label);
-        ScratchClass registration;
-        for (const auto& version : row.versions)
-            RegisterLibrary(registration, version.first, version.second ? FixturePath() : "C:\\missing\\nothing.tlb");
-        EXPECT_EQ(static_cast<bool>(LoadRegisteredTypeLib(kLibraryId)), row.loads);
-    }
-    EXPECT_FALSE(LoadRegisteredTypeLib(nullptr));
-}
-
 std::wstring Text(const CMetaString& text) { return text.IsEmpty() ? std::wstring() : std::wstring(text.GetWide()); }
 
 TYPEDESC Around(VARTYPE vt, TYPEDESC* inner = nullptr)
@@ -574,7 +560,7 @@ TYPEDESC Around(VARTYPE vt, TYPEDESC* inner = nullptr)
     return type;
 }
 
-TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
+TEST(TypeNamesTest, HostTypeWordsMethodKeysAndNamesForPeople)
 {
     // A null signature: refused.
     const struct { const wchar_t* word; bool byRef; const wchar_t* signature; VARTYPE readBack; } words[] = {
@@ -620,11 +606,8 @@ TEST(TypeNamesTest, HostTypeWordsAndMethodKeys)
     EXPECT_EQ(Text(key), L"Invoke:Item");
     handler.SplitMethodName(L"Get:Visible", key, kind, true);
     EXPECT_EQ(Text(key), L"isVisible");
-}
 
-TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
-{
-    const struct { MethodKind kind; bool isBool; const wchar_t* name; const wchar_t* shown; } rows[] = {
+    const struct { MethodKind kind; bool isBool; const wchar_t* name; const wchar_t* shown; } accessors[] = {
         {MethodKindGet, false, L"Name", L"getName"},      {MethodKindGet, false, L"GetValue", L"GetValue"},
         {MethodKindGet, false, L"Getter", L"Getter"},     {MethodKindGet, false, L"settings", L"getsettings"},
         {MethodKindGet, true, L"Visible", L"isVisible"},  {MethodKindGet, true, L"IsOpen", L"IsOpen"},
@@ -632,7 +615,7 @@ TEST(TypeNamesTest, AccessorAndParameterNamesForPeople)
         {MethodKindSet, true, L"Name", L"setName"},       {MethodKindSet, false, L"SetName", L"SetName"},
         {MethodKindSetRef, false, L"Name", L"Name"},      {MethodKindInvoke, false, L"Name", L"Name"},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : accessors) {
         SCOPED_TRACE(CMetaString(row.name).GetNarrow());
         CMetaString name(row.name);
         PrefixPropertyName(row.kind, row.isBool, name);

@@ -92,7 +92,7 @@ const std::vector<std::pair<const char*, Factory>>& AllClasses()
     return classes;
 }
 
-TEST(ItemTest, TextFormsOfEveryClass)
+TEST(ItemTest, TextFormsAndClonesOfEveryClass)
 {
     const struct { const char* itemClass; const wchar_t *set, *expected; } rows[] = {  // set null: read as built
         {"Int", nullptr, L"-42"},       {"Int", L"12abc", L"12"},          {"Int", L"abc", L"0"},
@@ -123,32 +123,29 @@ TEST(ItemTest, TextFormsOfEveryClass)
     huge.valueFormat = L"%.3f";
     huge.value = 2.5;
     EXPECT_EQ(ValueOf(*ItemPtr(huge.Clone())), L"2.500");
-}
 
-TEST(ItemTest, CloneKeepsEveryFieldOfEveryClass)
-{
     for (const auto& entry : AllClasses()) {
         SCOPED_TRACE(entry.first);
-        ItemPtr item(entry.second());
-        const std::uint32_t ownType = item->GetTypeDesc().type;
-        item->SetName(L"name");
-        item->SetTagText(L"<@NULLOBJECT>");
-        item->SetDirection(2);
+        ItemPtr original(entry.second());
+        const std::uint32_t ownType = original->GetTypeDesc().type;
+        original->SetName(L"name");
+        original->SetTagText(L"<@NULLOBJECT>");
+        original->SetDirection(2);
         for (auto set : {&CMetaObjectItem::SetHostFlagOne, &CMetaObjectItem::SetOptional, &CMetaObjectItem::SetNewObject,
                          &CMetaObjectItem::SetHostFlagTwo, &CMetaObjectItem::SetOmitted})
-            (item.get()->*set)(1);
-        item->GetTypeDesc().typeName = L"Type";
-        ItemPtr copy(item->Clone());
-        EXPECT_EQ(typeid(*copy), typeid(*item));
+            (original.get()->*set)(1);
+        original->GetTypeDesc().typeName = L"Type";
+        ItemPtr copy(original->Clone());
+        EXPECT_EQ(typeid(*copy), typeid(*original));
         EXPECT_TRUE(copy->IsType(ownType));
         EXPECT_EQ(copy->GetName().Compare(L"name", 0) + copy->GetTagText().Compare(L"<@NULLOBJECT>", 0) +
                       copy->GetTypeDesc().typeName.Compare(L"Type", 0), 0);
         EXPECT_EQ(copy->GetDirection(), 2);
         EXPECT_EQ(copy->GetHostFlagOne() + copy->GetOptional() + copy->GetNewObject() + copy->GetHostFlagTwo() +
                       copy->GetOmitted(), 5);
-        EXPECT_EQ(ValueOf(*copy), ValueOf(*item));
+        EXPECT_EQ(ValueOf(*copy), ValueOf(*original));
         copy->Clear();
-        item->Clear();
+        original->Clear();
     }
 }
 
@@ -389,7 +386,7 @@ struct Argument {
     ~Argument() { ReleaseArgument(value); }
 };
 
-TEST(ItemToVariantTest, ByValueAndByReferenceRows)
+TEST(ItemToVariantTest, ByValueAndByReferenceRowsAndOutArgumentsReadBack)
 {
     const struct { const char* name; ItemShape item; VARTYPE vt; const wchar_t* held; } rows[] = {  // VT_ILLEGAL: no
         {"char as VT_I1", {Char, 0x1FF, L"VT_I1"}, VT_I1, L"-1"},
@@ -428,13 +425,10 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRows)
         EXPECT_EQ(argument.value.vt, row.vt);
         EXPECT_TRUE(!row.held || Held(argument.value) == row.held) << Held(argument.value);
     }
-}
 
-// Cells of each type written back are the call tests'; here the cells an object left odd.
-TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
-{
+    // Cells of each type written back are the call tests'; here the cells an object left odd.
     using Change = std::function<void(VARIANT&)>;  // what the object did to the argument
-    const struct { const char* name; ItemShape item; Change changed; bool written; const wchar_t* shown; } rows[] = {
+    const struct { const char* name; ItemShape item; Change changed; bool written; const wchar_t* shown; } outRows[] = {
         {"VT_BOOL 1 is false", {Bool, 1, L"VT_BOOL|VT_PTR", 1}, [](VARIANT& v) { *v.pboolVal = 1; }, true, L"false"},
         {"a BSTR the object left null is an empty text", {Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"before"},
          [](VARIANT& v) { SysFreeString(*v.pbstrVal); *v.pbstrVal = nullptr; }, true, L""},
@@ -447,7 +441,7 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
         {"a signature without a row keeps the value", {Int, 4, L"VT_I8"}, nullptr, false, L"4"},
         {"an omitted argument has no cell", {Int, 4, L"VT_I4|VT_PTR", 1, Optional | Omitted}, nullptr, false, L"4"},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : outRows) {
         SCOPED_TRACE(row.name);
         ItemPtr item = Make(row.item);
         Argument argument(item.get());
@@ -458,7 +452,7 @@ TEST(VariantIntoItemTest, OutArgumentsAreReadByTheItemsSignature)
     }
 }
 
-TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
+TEST(ArrayTranslationTest, EachElementRowWritesItsValueAndMakesItsItem)
 {
     const struct { const wchar_t* signature; ItemShape element; VARTYPE type; const wchar_t* held; } rows[] = {
         {L"VT_I1|VT_ARRAY", {Char, 0x1FF, L""}, VT_I1, L"-1"}, {L"VT_UI1|VT_ARRAY", {Char, 0x141, L""}, VT_UI1, L"65"},
@@ -498,12 +492,10 @@ TEST(ArrayTranslationTest, EachElementRowWritesItsValue)
         EXPECT_EQ(Held(cell), row.held);
         SafeArrayUnaccessData(out.Get().parray);
     }
-}
 
-TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
-{
+    // Arrays the object gives: each element type made into its item.
     using Set = std::function<void(VARIANT&)>;  // the element; for VT_VARIANT the VARIANT itself
-    const struct { VARTYPE type; Set value; const char* itemClass; const wchar_t* shown; } rows[] = {
+    const struct { VARTYPE type; Set value; const char* itemClass; const wchar_t* shown; } readRows[] = {
         {VT_I1, [](VARIANT& v) { v.cVal = -1; }, "Char", L"\xFFFF"},  // sign-extended
         {VT_UI1, [](VARIANT& v) { v.bVal = 0xFF; }, "Char", L"\xFF"},
         {VT_UI2, [](VARIANT& v) { v.uiVal = 0xFFFF; }, "Int", L"65535"},
@@ -512,8 +504,7 @@ TEST(ArrayTranslationTest, EachElementRowMakesItsItem)
         {VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }, "Bool", L"true"},
         {VT_VARIANT, [](VARIANT& v) { v.vt = VT_I4; v.lVal = 8; }, "Int", L"8"},
     };
-    CCOMMethodInvoke call(nullptr, 0, MethodKindInvoke);
-    for (const auto& row : rows) {
+    for (const auto& row : readRows) {
         SCOPED_TRACE(::testing::Message() << "type " << row.type << " " << row.itemClass);
         SAFEARRAYBOUND bound{1, 0};
         CVariant value;
@@ -634,7 +625,7 @@ TEST(HandlerTest, AThreadKeepsOnlyErrorTextsThatSaySomething)
     EXPECT_STREQ(handlers.back()->GetErrorText().GetNarrow(), "failed");
 }
 
-TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
+TEST(PlatformTest, AContainedFaultAnswersInsteadOfEndingTheProcessAndTheLockEndsOnce)
 {
     static volatile std::uintptr_t badAddress = 0x24;  // the read oleaut32 made on ADO's Fields
     const auto fault = [] { return static_cast<HRESULT>(*reinterpret_cast<volatile int*>(badAddress)); };
@@ -642,6 +633,13 @@ TEST(ContainedCallTest, AFaultOfThePlatformAnswersInsteadOfEndingTheProcess)
     EXPECT_EQ(ContainFault(fault), kContainedFault);
     EXPECT_EQ(ContainFault([&] { return ContainFault(fault) == kContainedFault ? S_OK : E_FAIL; }), S_OK);
     EXPECT_EQ(ContainFault([] { return S_OK; }), S_OK);
+
+    CMetaLock lock;  // destroyed by its owner, once
+    EXPECT_EQ(lock.Enter() + lock.Enter() + lock.Leave() + lock.Leave(), 0u);  // entered again by its owner
+    EXPECT_EQ(lock.Destroy(), 0u);
+    EXPECT_EQ(lock.section, nullptr);
+    EXPECT_EQ(lock.Destroy(), 1u);
+    EXPECT_EQ(lock.Enter() + lock.Leave(), 2u);  // a destroyed lock refuses both
 }
 
 // COM fixes a name's id for an object's life: asked once per name and object, again when nothing was found.
@@ -674,15 +672,6 @@ TEST(HandlerTest, ANameIsAskedOncePerObject)
     EXPECT_EQ(second.References(), 1);
 }
 
-TEST(HandlerTest, LockDestroyIsTheOwnersAndHappensOnce)
-{
-    CMetaLock lock;
-    EXPECT_EQ(lock.Enter() + lock.Enter() + lock.Leave() + lock.Leave(), 0u);  // entered again by its owner
-    EXPECT_EQ(lock.Destroy(), 0u);
-    EXPECT_EQ(lock.section, nullptr);
-    EXPECT_EQ(lock.Destroy(), 1u);
-    EXPECT_EQ(lock.Enter() + lock.Leave(), 2u);  // a destroyed lock refuses both
-}
 
 TEST(HandlerTest, DcomSettingAndModuleDirectory)
 {
@@ -693,7 +682,6 @@ TEST(HandlerTest, DcomSettingAndModuleDirectory)
     for (const auto& row : settings)
         EXPECT_EQ(DcomEnabledFromValue(row.bytes, row.size), row.enabled) << '"' << row.bytes << "\" size " << row.size;
     const struct { const char *path, *directory; } paths[] = {
-        {"C:\\Program Files\\Host\\comhandler.dll", "C:\\Program Files\\Host"},
         {"C:\\Host\\plugins/comhandler.dll", "C:\\Host"},  // a backslash wins wherever the slash stands
         {"comhandler.dll", "comhandler.dll"}, {"", ""},
     };

@@ -29,7 +29,7 @@ CMetaString EmptyButNotNull()
     return text;
 }
 
-TEST(MetaStringTest, WhatEachTextHolds)
+TEST(MetaStringTest, WhatEachTextHoldsHowItComparesAppendsAndCopies)
 {
     CMetaString assignedNullWide(L"x"), assignedEmptyNarrow("x"), name(L"Get:Name");
     assignedNullWide.AssignWide(nullptr);
@@ -67,10 +67,23 @@ TEST(MetaStringTest, WhatEachTextHolds)
     };
     for (const auto& row : finds)
         EXPECT_EQ(CMetaString(row.own).Find(row.needle), row.index) << "find row " << (&row - finds);
-}
 
-TEST(MetaStringTest, AppendsCopiesAndTheCachedNarrowCopy)
-{
+    // A null own text: a string that holds nothing.
+    const struct { const wchar_t *own, *other; size_t count; int compare, compareNoCase; } compares[] = {
+        {nullptr, nullptr, 0, 0, 0},  {nullptr, L"", 0, -1, -1},  // pointers first: a non-null empty text is more
+        {L"a", nullptr, 0, 1, 1},     {L"abc", L"abc", 0, 0, 0},    {L"abc", L"ABC", 0, 1, 0},
+        {L"abc", L"abd", 0, -1, -1},  {L"ab", L"abc", 0, -1, -1},   {L"abc", L"ab", 0, 1, 1},
+        {L"abc", L"abd", 2, 0, 0},    {L"ABx", L"aby", 2, -1, 0},   {L"\xFFFF", L"a", 0, 1, 1},  // units unsigned
+    };
+    const auto sign = [](int value) { return (value > 0) - (value < 0); };
+    for (const auto& row : compares) {
+        SCOPED_TRACE(::testing::Message() << "row " << (&row - compares));
+        CMetaString text(row.own);
+        EXPECT_EQ(sign(text.Compare(row.other, row.count)), row.compare);
+        EXPECT_EQ(sign(text.CompareNoCase(row.other, row.count)), row.compareNoCase);
+    }
+
+    // Appends, copies and the cached narrow copy.
     CMetaString text(L"ab");
     text.Append(L"cd");
     text.Append(text.GetWide());  // may append itself
@@ -97,25 +110,7 @@ TEST(MetaStringTest, AppendsCopiesAndTheCachedNarrowCopy)
     EXPECT_NE(assigned.GetWide(), text.GetWide());
 }
 
-TEST(MetaStringTest, CompareFollowsThePointerRulesThenTheTexts)
-{
-    // A null own text: a string that holds nothing.
-    const struct { const wchar_t *own, *other; size_t count; int compare, compareNoCase; } rows[] = {
-        {nullptr, nullptr, 0, 0, 0},  {nullptr, L"", 0, -1, -1},  // pointers first: a non-null empty text is more
-        {L"a", nullptr, 0, 1, 1},     {L"abc", L"abc", 0, 0, 0},    {L"abc", L"ABC", 0, 1, 0},
-        {L"abc", L"abd", 0, -1, -1},  {L"ab", L"abc", 0, -1, -1},   {L"abc", L"ab", 0, 1, 1},
-        {L"abc", L"abd", 2, 0, 0},    {L"ABx", L"aby", 2, -1, 0},   {L"\xFFFF", L"a", 0, 1, 1},  // units unsigned
-    };
-    const auto sign = [](int value) { return (value > 0) - (value < 0); };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "row " << (&row - rows));
-        CMetaString text(row.own);
-        EXPECT_EQ(sign(text.Compare(row.other, row.count)), row.compare);
-        EXPECT_EQ(sign(text.CompareNoCase(row.other, row.count)), row.compareNoCase);
-    }
-}
-
-TEST(MoxDataTest, ReserveGrowsByTheGrainOfTheOldCapacityAndShrinksOnlyWithSlack)
+TEST(MoxDataTest, ReserveGrowsByGrainsBytesMoveInTheOwnStorageAndRangesAreCut)
 {
     const struct { std::uint32_t capacity, length, request, expectedCapacity, expectedLength; } rows[] = {
         {0, 0, 100, 100, 0},        {100, 0, 101, 112, 0},      {112, 0, 112, 112, 0},
@@ -134,10 +129,7 @@ TEST(MoxDataTest, ReserveGrowsByTheGrainOfTheOldCapacityAndShrinksOnlyWithSlack)
         EXPECT_EQ(buffer.length, row.expectedLength);
         EXPECT_EQ(buffer.data == nullptr, row.expectedCapacity == 0);
     }
-}
 
-TEST(MoxDataTest, BytesMoveWithinTheOwnStorageAndRangesAreCut)
-{
     MoxData buffer;
     buffer.SetBytes("0123456789", 10, 0);
     char* const storage = buffer.data;
@@ -145,11 +137,11 @@ TEST(MoxDataTest, BytesMoveWithinTheOwnStorageAndRangesAreCut)
     EXPECT_EQ(buffer.data, storage);
     EXPECT_TRUE(buffer.EqualsBytes("456789", 6));
 
-    const struct { std::uint32_t position, count; const char* source; const char* expected; } rows[] = {
+    const struct { std::uint32_t position, count; const char* source; const char* expected; } replaces[] = {
         {0, 1, "ab", "ab1234"}, {4, 9, "xyz", "0123xyz"}, {99, 0, "!", "01234!"},
         {1, 3, "", "04"},      {2, 0, "--", "01--234"},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : replaces) {
         SCOPED_TRACE(row.expected);
         MoxData target;
         target.SetBytes("01234", 5, 0);
@@ -171,7 +163,7 @@ TEST(MoxDataTest, BytesMoveWithinTheOwnStorageAndRangesAreCut)
     std::free(block);
 }
 
-TEST(MoxTextTest, KeepsItsTerminatorInsideTheLength)
+TEST(MoxTextTest, KeepsItsTerminatorInsideTheLengthReplacesAndCompares)
 {
     MoxText text;  // formats and appends are the generated tests'; a null format gives nothing
     text.AssignText("abcd");
@@ -197,12 +189,9 @@ TEST(MoxTextTest, KeepsItsTerminatorInsideTheLength)
     char counted[8];
     EXPECT_EQ(copy.ReadPascal(counted, sizeof counted), 4u);
     EXPECT_EQ(counted[0], 3);
-}
 
-TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
-{
     enum Op { All, AllExact, Nth1, Nth2, Nth4 };
-    const struct { Op op; unsigned char exact; const char *text, *find, *replacement, *expected; } rows[] = {
+    const struct { Op op; unsigned char exact; const char *subject, *find, *replacement, *expected; } rows[] = {
         {AllExact, 1, "aba", "a", "aa", "aabaa"},  {All, 0, "abcB", "B", "x", "axcx"},
         {All, 1, "abcB", "B", "x", "abcx"},        {All, 0, "aXbxc", "x", "--", "a--b--c"},
         {Nth2, 1, "aXaXa", "a", "x", "aXxXa"},      {Nth2, 0, "AbaB", "b", "", "Aba"},
@@ -210,19 +199,19 @@ TEST(MoxTextTest, ReplacesAndComparesByItsCaseRules)
         {AllExact, 1, "abc", "abc", "", ""},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.text << " / " << row.find);
-        MoxText text, find, replacement;
-        text.AssignText(row.text);
+        SCOPED_TRACE(testing::Message() << row.subject << " / " << row.find);
+        MoxText subject, find, replacement;
+        subject.AssignText(row.subject);
         find.AssignText(row.find);
         replacement.AssignText(row.replacement);
         switch (row.op) {
-        case All: text.ReplaceAll(find, replacement, row.exact); break;
-        case AllExact: text.ReplaceAllExact(find, replacement); break;
-        case Nth1: text.ReplaceNth(find, replacement, 1, row.exact); break;
-        case Nth2: text.ReplaceNth(find, replacement, 2, row.exact); break;
-        case Nth4: text.ReplaceNth(find, replacement, 4, row.exact); break;
+        case All: subject.ReplaceAll(find, replacement, row.exact); break;
+        case AllExact: subject.ReplaceAllExact(find, replacement); break;
+        case Nth1: subject.ReplaceNth(find, replacement, 1, row.exact); break;
+        case Nth2: subject.ReplaceNth(find, replacement, 2, row.exact); break;
+        case Nth4: subject.ReplaceNth(find, replacement, 4, row.exact); break;
         }
-        EXPECT_EQ(std::string(text.GetText()), row.expected);
+        EXPECT_EQ(std::string(subject.GetText()), row.expected);
     }
 
     MoxText abc;
@@ -266,7 +255,6 @@ public:
     }
     std::size_t Between(std::size_t low, std::size_t high) { return low + Below(high - low + 1); }
     bool OneIn(std::size_t n) { return Below(n) == 0; }
-    std::uint32_t Word() { return static_cast<std::uint32_t>(engine_()); }
     std::string From(const std::string& alphabet, std::size_t minLength, std::size_t maxLength)
     {
         std::string text(Between(minLength, maxLength), '\0');
@@ -422,7 +410,7 @@ void MoxTextFormats(TextGenerator& gen)
         r.text = r.isText ? (gen.OneIn(8) ? std::string(gen.Between(9000, 30000), 'w') : gen.OddNarrow(40)) : "";
         const std::string conversion = r.isText ? kTextConversions[gen.Below(std::size(kTextConversions))]
                                                 : kNumberConversions[gen.Below(std::size(kNumberConversions))];
-        r.number = static_cast<std::int32_t>(conversion == "%c" ? gen.Between(1, 255) : gen.Word());
+        r.number = static_cast<std::int32_t>(conversion == "%c" ? gen.Between(1, 255) : gen.Below(1ull << 32));
         r.format = before + conversion + literal();
         expected += r.isText ? Expected(r.format.c_str(), r.text.c_str()) : Expected(r.format.c_str(), r.number);
     }
