@@ -111,6 +111,7 @@ TEST_F(CallTest, TheRemoteRequestReachesThePlatformsClassFactoryCall)
                 params.domain = CMetaString(L"dflt-dom");
                 auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
                 handler->dcomEnabled = dcom;
+                g_request.clear();
                 const std::string identity = std::string("COM://Scripting.Dictionary") + row.attributes;
                 EXPECT_EQ(handler->Open(identity.c_str(), row.withDefaults ? &params : nullptr), MetaStatusNoObject);
                 std::wstring expected = dcom ? row.request : L"context 23";

@@ -430,6 +430,9 @@ TEST(ItemToVariantTest, ByValueAndByReferenceRowsAndOutArgumentsReadBack)
     using Change = std::function<void(VARIANT&)>;  // what the object did to the argument
     const struct { const char* name; ItemShape item; Change changed; bool written; const wchar_t* shown; } outRows[] = {
         {"VT_BOOL 1 is false", {Bool, 1, L"VT_BOOL|VT_PTR", 1}, [](VARIANT& v) { *v.pboolVal = 1; }, true, L"false"},
+        {"a flag in a variant cell reads back by its own type", {Bool, 0, L"VT_VARIANT|VT_PTR", 1},
+         [](VARIANT& v) { VariantClear(v.pvarVal); v.pvarVal->vt = VT_BOOL; v.pvarVal->boolVal = VARIANT_TRUE; }, true,
+         L"true"},
         {"a BSTR the object left null is an empty text", {Text, 0, L"VT_BSTR|VT_PTR", 1, 0, L"before"},
          [](VARIANT& v) { SysFreeString(*v.pbstrVal); *v.pbstrVal = nullptr; }, true, L""},
         {"a variant cell the object emptied gives an empty text", {Text, 0, L"VT_VARIANT|VT_PTR", 1, 0, L"in"},
@@ -726,7 +729,9 @@ using Slot = std::pair<const char*, std::ptrdiff_t>;  // name, slot
 #define I(op) SLOT(CMetaObjectItem, op)
 #define T(op) SLOT(MoxText, op)
 
-TEST(LayoutTest, VirtualOperationsKeepTheHostsOrder)
+#define AT(object, field) (reinterpret_cast<const char*>(&(object).field) - reinterpret_cast<const char*>(&(object)))
+
+TEST(LayoutTest, VirtualOperationsAndFieldsKeepTheHostsOrder)
 {
     using Mutable = CTypeDesc& (CMetaObjectItem::*)();
     using Constant = const CTypeDesc& (CMetaObjectItem::*)() const;
@@ -763,12 +768,8 @@ TEST(LayoutTest, VirtualOperationsKeepTheHostsOrder)
     }
     using ReadAtFn = std::uint32_t (MoxData::*)(char*, std::uint32_t, std::uint32_t, std::uint32_t);
     EXPECT_EQ(SlotOf(static_cast<ReadAtFn>(&MoxData::ReadAt)), SlotOf(static_cast<ReadAtFn>(&MoxText::ReadAt)));
-}
 
-#define AT(object, field) (reinterpret_cast<const char*>(&(object).field) - reinterpret_cast<const char*>(&(object)))
-
-TEST(LayoutTest, FieldsFollowInTheHostsOrder)
-{
+    // Fields follow in the host's order.
     CMetaObjectCOMHandler handler;
     CObjectIdentity& identity = handler.identity;
     CCOMHandlerInfo info;
