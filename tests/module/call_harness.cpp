@@ -135,15 +135,23 @@ void CallTest::SetUp()
     module->SetEnvironment(host.Table());
 }
 
+std::string FixtureIdentity(bool local)
+{
+    return std::string("COM://") + FixtureValues::kProgIdNarrow + (local ? ".Local" : "");
+}
+
 void CallTest::WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body)
 {
-    WithObject(std::string("COM://") + FixtureValues::kProgIdNarrow, body);
+    WithObject(FixtureIdentity(), body);
 }
 
 void CallTest::WithObject(const std::string& identity, const std::function<void(CMetaObjectCOMHandler&)>& body,
                           CObjectOpenParams* params)
 {
-    const long before = server.LiveObjects();
+    // Out of process, the served objects are counted by the server's process.
+    const bool local = identity.size() > 6 && identity.compare(identity.size() - 6, 6, ".Local") == 0;
+    const auto live = [&] { return local ? LocalServer::Ask().live : server.LiveObjects(); };
+    const long before = live();
     RunInitialised([&] {
         auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         ASSERT_NE(handler, nullptr);
@@ -154,7 +162,7 @@ void CallTest::WithObject(const std::string& identity, const std::function<void(
         host.FreeReleasedHandlers(module->FreeHandlerObject);
         EXPECT_TRUE(host.Registrations().empty()) << "a handler still in use";
     });
-    EXPECT_EQ(server.LiveObjects(), before);
+    EXPECT_EQ(live(), before);
 }
 
 Outcome CallTest::Call(CMetaObjectCOMHandler& handler, const wchar_t* key, const std::vector<CMetaObjectItem*>& params,

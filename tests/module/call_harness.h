@@ -103,6 +103,9 @@ protected:
     FixtureServer server;
 };
 
+// The call fixture's identity, in process or served by the local server.
+std::string FixtureIdentity(bool local = false);
+
 // The object an object item's handler holds, or null.
 IDispatch* ObjectOf(const MetaObj::CMetaObjectItem* item);
 // The handler of an object item, for calls of its own.

@@ -244,6 +244,12 @@ public:
         return Set(result, LONG(a + SysStringLen(b) + static_cast<LONG>(c) + (d ? 1000 : 0)));
     }
 
+    // A slow server.
+    HRESULT STDMETHODCALLTYPE Pause(LONG milliseconds) override
+    {
+        Sleep(static_cast<DWORD>(milliseconds));
+        return S_OK;
+    }
     HRESULT STDMETHODCALLTYPE NotImplemented() override
     {
         return FailWith(E_NOTIMPL, kNotImplementedSource, kNotImplementedDescription);

@@ -2,7 +2,8 @@
 // catalogue fixture library, which nothing registers: the tests of the
 // server-file road rely on that. Resources 2 to 5 are the libraries of the
 // call, array, collection and hostile fixtures, whose classes this file serves
-// and registers.
+// and registers. Built with FIXTURE_LOCAL_SERVER, the same objects are served
+// from an executable, in a process of their own (see the end of this file).
 
 #include "array_fixture.h"  // widl's headers of the libraries
 #include "call_fixture.h"
@@ -13,6 +14,7 @@
 #include <oleauto.h>
 
 #include <string>
+#include <vector>
 
 #include "platform/platform_handles.h"
 #include "tests/servers/array_fixture_objects.h"
@@ -22,6 +24,7 @@
 #include "tests/servers/collection_fixture_values.h"
 #include "tests/servers/hostile_fixture_objects.h"
 #include "tests/servers/hostile_fixture_values.h"
+#include "tests/support/fixture_server.h"
 
 using MetaObj::ComPtr;
 
@@ -29,6 +32,7 @@ namespace {
 
 using CreateFn = HRESULT (*)(REFIID iid, void** out);
 volatile LONG g_serverLocks = 0;
+volatile DWORD g_createdAt = 0;
 
 // One static object a class; its references are locks on the server.
 class CFixtureFactory : public IClassFactory {
@@ -56,6 +60,7 @@ public:
         *out = nullptr;
         if (outer != nullptr)
             return CLASS_E_NOAGGREGATION;
+        g_createdAt = GetTickCount();
         return create(iid, out);
     }
     HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override
@@ -95,31 +100,44 @@ std::wstring GuidText(REFGUID guid)
     return text;
 }
 
-// The class keys under HKEY_CLASSES_ROOT, and the class's library.
-HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
+// The class keys under HKEY_CLASSES_ROOT.
+HRESULT RegisterClassKeys(const FixtureClass& fixture, const CLSID& classId, const std::wstring& progId,
+                          const wchar_t* serverKey, const std::wstring& server, const wchar_t* threading)
 {
-    const std::wstring classKey = L"CLSID\\" + GuidText(fixture.classId);
-    const std::wstring progId = fixture.progId;
+    const std::wstring classKey = L"CLSID\\" + GuidText(classId);
     const struct {
         std::wstring path;
         const wchar_t* name;
         std::wstring value;
     } rows[] = {
         {classKey, nullptr, fixture.name},
-        {classKey + L"\\InprocServer32", nullptr, serverPath},
-        {classKey + L"\\InprocServer32", L"ThreadingModel", L"Both"},
+        {classKey + serverKey, nullptr, server},
+        {classKey + serverKey, L"ThreadingModel", threading ? threading : L""},
         {classKey + L"\\ProgID", nullptr, progId},
         {classKey + L"\\TypeLib", nullptr, GuidText(fixture.libraryId)},
         {classKey + L"\\Version", nullptr, L"1.0"},
         {progId, nullptr, fixture.name},
-        {progId + L"\\CLSID", nullptr, GuidText(fixture.classId)},
+        {progId + L"\\CLSID", nullptr, GuidText(classId)},
     };
     for (const auto& row : rows) {
+        if (row.value.empty())
+            continue;
         const auto bytes = static_cast<DWORD>((row.value.size() + 1) * sizeof(wchar_t));
         if (RegSetKeyValueW(HKEY_CLASSES_ROOT, row.path.c_str(), row.name, REG_SZ, row.value.c_str(), bytes) !=
             ERROR_SUCCESS)
             return SELFREG_E_CLASS;
     }
+    return S_OK;
+}
+
+#ifndef FIXTURE_LOCAL_SERVER
+// The class keys and the class's library.
+HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
+{
+    const HRESULT keys =
+        RegisterClassKeys(fixture, fixture.classId, fixture.progId, L"\\InprocServer32", serverPath, L"Both");
+    if (FAILED(keys))
+        return keys;
     wchar_t libraryPath[MAX_PATH + 12];
     ComPtr<ITypeLib> library;
     if (!ServerLibraryPath(fixture.libraryResource, libraryPath, MAX_PATH + 12) ||
@@ -127,8 +145,16 @@ HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
         return SELFREG_E_TYPELIB;
     return SUCCEEDED(RegisterTypeLib(library.Get(), libraryPath, nullptr)) ? S_OK : SELFREG_E_TYPELIB;
 }
+#endif
+
+LONG AllLiveObjects()
+{
+    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
+}
 
 }  // namespace
+
+#ifndef FIXTURE_LOCAL_SERVER
 
 extern "C" {
 
@@ -157,7 +183,7 @@ __declspec(dllexport) HRESULT __stdcall DllGetClassObject(REFCLSID classId, REFI
 // made, this is back where it started.
 __declspec(dllexport) LONG __stdcall FixtureLiveObjects()
 {
-    return LiveFixtureObjects() + LiveCollectionObjects() + LiveArrayFixtureObjects() + LiveHostileObjects();
+    return AllLiveObjects();
 }
 
 __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
@@ -182,3 +208,104 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
 }
 
 }  // extern "C"
+#else
+
+namespace {
+
+// The other kind serves the call and collection fixtures alone.
+bool OfKind(const FixtureClass& fixture, bool other)
+{
+    return !other || &fixture.classId == &CLSID_CallFixture || &fixture.classId == &CLSID_CollectionFixture;
+}
+
+// Serves the fixtures of its kind under their out-of-process class ids.
+void ServeClasses(bool other)
+{
+    std::vector<DWORD> cookies;
+    for (FixtureClass& fixture : g_classes) {
+        if (!OfKind(fixture, other))
+            continue;
+        DWORD cookie = 0;
+        if (SUCCEEDED(CoRegisterClassObject(LocalServer::ClassId(fixture.classId, other), &fixture.factory,
+                                            CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie)))
+            cookies.push_back(cookie);
+    }
+    using LocalServer::Name;
+    LocalServer::HandleOwner ask(CreateEventW(nullptr, FALSE, FALSE, Name(L"Ask", other).c_str()));
+    LocalServer::HandleOwner answer(CreateEventW(nullptr, FALSE, FALSE, Name(L"Answer", other).c_str()));
+    LocalServer::HandleOwner mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                                        sizeof(LocalServer::Figures), Name(L"Figures", other).c_str()));
+    auto* figures = mapping ? static_cast<LocalServer::Figures*>(
+                                  MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, sizeof(LocalServer::Figures)))
+                            : nullptr;
+    // An apartment-threaded server pumps messages. It ends once it has had no
+    // object for a few seconds, or nothing new for longer (the platform's
+    // marshaler keeps references of its own on some objects it carried), so
+    // no test leaves it behind.
+    constexpr DWORD kIdleExit = 3000;
+    constexpr DWORD kAbandonedExit = 20000;
+    DWORD busyAt = GetTickCount();
+    HANDLE waited = ask.Get();
+    for (;;) {
+        const DWORD woke = MsgWaitForMultipleObjects(waited ? 1 : 0, &waited, FALSE, 250, QS_ALLINPUT);
+        if (woke == WAIT_OBJECT_0 && waited && figures) {
+            figures->live = AllLiveObjects();
+            figures->process = GetCurrentProcessId();
+            SetEvent(answer.Get());
+        }
+        MSG message;
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+            TranslateMessage(&message);
+            DispatchMessageW(&message);
+        }
+        if (AllLiveObjects() != 0 && GetTickCount() - g_createdAt < kAbandonedExit)
+            busyAt = GetTickCount();
+        else if (GetTickCount() - busyAt > kIdleExit)
+            break;
+    }
+    for (DWORD cookie : cookies)
+        CoRevokeClassObject(cookie);
+    if (figures)
+        UnmapViewOfFile(figures);
+}
+
+// The local server keys of both kinds; the libraries are the in-process
+// server's registration.
+HRESULT RegisterLocalClasses()
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
+    if (length == 0 || length == MAX_PATH)
+        return SELFREG_E_CLASS;
+    const std::wstring server = L"\"" + std::wstring(path) + L"\"";
+    for (const bool other : {false, true}) {
+        for (const FixtureClass& fixture : g_classes) {
+            if (!OfKind(fixture, other))
+                continue;
+            const HRESULT hr = RegisterClassKeys(
+                fixture, LocalServer::ClassId(fixture.classId, other),
+                fixture.progId + std::wstring(other ? LocalServer::kOtherSuffix : LocalServer::kSuffix),
+                L"\\LocalServer32", other ? server + L" other" : server, nullptr);
+            if (FAILED(hr))
+                return hr;
+        }
+    }
+    return S_OK;
+}
+
+}  // namespace
+
+int WINAPI WinMain(HINSTANCE instance, HINSTANCE, LPSTR, int)
+{
+    g_fixtureModule = instance;
+    const std::wstring line = GetCommandLineW();
+    if (line.find(L"/RegServer") != std::wstring::npos)
+        return FAILED(RegisterLocalClasses()) ? 1 : 0;
+    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+        return 1;
+    ServeClasses(line.find(L" other") != std::wstring::npos);
+    CoUninitialize();
+    return 0;
+}
+
+#endif

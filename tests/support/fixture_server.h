@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "platform/platform_handles.h"
 #include "tests/servers/call_fixture_values.h"
 
 class FixtureServer {
@@ -39,3 +40,59 @@ private:
     HMODULE module = nullptr;
     LiveObjectsFn liveObjects = nullptr;
 };
+
+// The same fixtures served by an executable in a process of its own. Its class
+// ids differ from the in-process ones, so that creation reaches the executable.
+// The other kind serves the call and collection fixtures from yet another
+// process, which a test may kill and still reach the first.
+namespace LocalServer {
+
+constexpr wchar_t kSuffix[] = L".Local";
+constexpr wchar_t kOtherSuffix[] = L".Other";
+constexpr char kSuffixNarrow[] = ".Local";
+constexpr char kOtherSuffixNarrow[] = ".Other";
+
+struct Figures {
+    LONG live;
+    DWORD process;
+};
+
+inline CLSID ClassId(const CLSID& inProcess, bool other)
+{
+    CLSID id = inProcess;
+    id.Data1 ^= other ? 0x00020000u : 0x00010000u;
+    return id;
+}
+
+// The named events and figures block through which a server of one kind answers.
+inline std::wstring Name(const wchar_t* what, bool other)
+{
+    return std::wstring(L"ComHandlerTest.LocalServer.") + what + (other ? L".Other" : L"");
+}
+
+struct HandleCloser {
+    void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using HandleOwner = MetaObj::UniqueResource<HANDLE, HandleCloser, nullptr>;
+
+// What the running server of a kind says of itself: none running has none
+// alive (process 0); live -1 when it doesn't answer.
+inline Figures Ask(bool other = false)
+{
+    HandleOwner ask(OpenEventW(EVENT_MODIFY_STATE, FALSE, Name(L"Ask", other).c_str()));
+    HandleOwner answer(OpenEventW(SYNCHRONIZE, FALSE, Name(L"Answer", other).c_str()));
+    HandleOwner mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, Name(L"Figures", other).c_str()));
+    if (!ask || !answer || !mapping)
+        return {0, 0};
+    Figures answered{-1, 0};
+    SetEvent(ask.Get());
+    if (WaitForSingleObject(answer.Get(), 5000) != WAIT_OBJECT_0)
+        return answered;
+    if (const void* view = MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, sizeof(Figures))) {
+        answered = *static_cast<const Figures*>(view);
+        UnmapViewOfFile(view);
+    }
+    return answered;
+}
+
+}  // namespace LocalServer
