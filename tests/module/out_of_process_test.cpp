@@ -1,11 +1,10 @@
 // The test servers in a process of their own, reached by class factory as most
-// automation servers are. Values and arrays cross in the value and array tests,
-// which run on the local server too; what Wine's marshaler can't carry stays
-// out: records, arrays of objects, and an in/out array (its cell is marshaled
-// as 4 bytes on 64 bits).
+// automation servers are. Values and arrays cross in the value and array tests;
+// records, arrays of objects and in/out arrays Wine's marshaler can't carry.
 
 #include <windows.h>
 
+#include <cstdio>
 #include <string>
 
 #include "tests/module/call_harness.h"
@@ -17,26 +16,16 @@ namespace {
 
 const std::string kCollections = std::string("COM://") + CollectionValues::kProgIdNarrow;
 
-// Ends the program if the body takes longer than a minute: a hang fails.
+// Ends the program if it lives a minute longer: a hang fails.
 struct Watchdog {
-    Watchdog() : done(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+    static void CALLBACK Fire(void*, BOOLEAN)
     {
-        thread.Reset(CreateThread(nullptr, 0, Watch, done.Get(), 0, nullptr));
+        std::fputs("watchdog: a call on a dead server hangs\n", stderr);
+        ExitProcess(5);
     }
-    ~Watchdog()
-    {
-        SetEvent(done.Get());
-        WaitForSingleObject(thread.Get(), INFINITE);
-    }
-    static DWORD WINAPI Watch(void* done)
-    {
-        if (WaitForSingleObject(done, 60000) == WAIT_TIMEOUT) {
-            ADD_FAILURE() << "a call on a dead server hangs";
-            ExitProcess(5);
-        }
-        return 0;
-    }
-    LocalServer::HandleOwner done, thread;
+    Watchdog() { CreateTimerQueueTimer(&timer, nullptr, Fire, nullptr, 60000, 0, 0); }
+    ~Watchdog() { DeleteTimerQueueTimer(nullptr, timer, INVALID_HANDLE_VALUE); }
+    HANDLE timer = nullptr;
 };
 
 // Every element of a collection of the given handler, walked in batches of 250.
@@ -69,7 +58,7 @@ TEST_F(OutOfProcessTest, ObjectsGoBothWaysAndCollectionsAreWalked)
         const Param slow = Int(2000);
         EXPECT_EQ(Call(fixture, L"Invoke:Pause", {slow.get()}).status, MetaStatusOk);
     });
-    WithObject(kCollections + LocalServer::kSuffixNarrow, [&](CMetaObjectCOMHandler& maker) {
+    WithObject(kCollections + LocalServer::kSuffix, [&](CMetaObjectCOMHandler& maker) {
         const Param flags = Int(CollectionValues::kPlain), size = Int(300);
         const Outcome made = Call(maker, L"Invoke:Make", {flags.get(), size.get()});
         CMetaObjectCOMHandler& collection = ItemHandler(made.result.get());
@@ -91,9 +80,9 @@ TEST_F(OutOfProcessTest, AServerThatDiesFailsCleanly)
         Watchdog watchdog;
         auto* fixture = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         auto* maker = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        ASSERT_EQ(fixture->Open((FixtureIdentity() + LocalServer::kOtherSuffixNarrow).c_str(), nullptr),
+        ASSERT_EQ(fixture->Open((FixtureIdentity() + LocalServer::kOtherSuffix).c_str(), nullptr),
                   MetaStatusOk);
-        ASSERT_EQ(maker->Open((kCollections + LocalServer::kOtherSuffixNarrow).c_str(), nullptr), MetaStatusOk);
+        ASSERT_EQ(maker->Open((kCollections + LocalServer::kOtherSuffix).c_str(), nullptr), MetaStatusOk);
         const Param flags = Int(CollectionValues::kPlain), size = Int(10), number = Int(7);
         Outcome made = Call(*maker, L"Invoke:Make", {flags.get(), size.get()});
         CMetaObjectCOMHandler& collection = ItemHandler(made.result.get());

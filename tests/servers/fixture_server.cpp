@@ -254,10 +254,8 @@ void ServeClasses(bool other)
             SetEvent(answer.Get());
         }
         MSG message;
-        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
-            TranslateMessage(&message);
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
             DispatchMessageW(&message);
-        }
         if (AllLiveObjects() != 0 && GetTickCount() - g_createdAt < kAbandonedExit)
             busyAt = GetTickCount();
         else if (GetTickCount() - busyAt > kIdleExit)
@@ -275,22 +273,16 @@ HRESULT RegisterLocalClasses()
 {
     wchar_t path[MAX_PATH] = {};
     const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    if (length == 0 || length == MAX_PATH)
-        return SELFREG_E_CLASS;
-    const std::wstring server = L"\"" + std::wstring(path) + L"\"";
+    HRESULT hr = length == 0 || length == MAX_PATH ? SELFREG_E_CLASS : S_OK;
     for (const bool other : {false, true}) {
         for (const FixtureClass& fixture : g_classes) {
-            if (!OfKind(fixture, other))
-                continue;
-            const HRESULT hr = RegisterClassKeys(
-                fixture, LocalServer::ClassId(fixture.classId, other),
-                fixture.progId + std::wstring(other ? LocalServer::kOtherSuffix : LocalServer::kSuffix),
-                L"\\LocalServer32", other ? server + L" other" : server, nullptr);
-            if (FAILED(hr))
-                return hr;
+            if (OfKind(fixture, other) && SUCCEEDED(hr))
+                hr = RegisterClassKeys(fixture, LocalServer::ClassId(fixture.classId, other),
+                                       fixture.progId + std::wstring(other ? L".Other" : L".Local"), L"\\LocalServer32",
+                                       L"\"" + std::wstring(path) + (other ? L"\" other" : L"\""), nullptr);
         }
     }
-    return S_OK;
+    return hr;
 }
 
 }  // namespace

@@ -47,10 +47,8 @@ private:
 // process, which a test may kill and still reach the first.
 namespace LocalServer {
 
-constexpr wchar_t kSuffix[] = L".Local";
-constexpr wchar_t kOtherSuffix[] = L".Other";
-constexpr char kSuffixNarrow[] = ".Local";
-constexpr char kOtherSuffixNarrow[] = ".Other";
+constexpr char kSuffix[] = ".Local";
+constexpr char kOtherSuffix[] = ".Other";
 
 struct Figures {
     LONG live;
@@ -84,14 +82,14 @@ inline Figures Ask(bool other = false)
     HandleOwner mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, Name(L"Figures", other).c_str()));
     if (!ask || !answer || !mapping)
         return {0, 0};
-    Figures answered{-1, 0};
     SetEvent(ask.Get());
-    if (WaitForSingleObject(answer.Get(), 5000) != WAIT_OBJECT_0)
-        return answered;
-    if (const void* view = MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, sizeof(Figures))) {
-        answered = *static_cast<const Figures*>(view);
-        UnmapViewOfFile(view);
-    }
+    const void* view = WaitForSingleObject(answer.Get(), 5000) == WAIT_OBJECT_0
+                           ? MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, sizeof(Figures))
+                           : nullptr;
+    if (!view)
+        return {-1, 0};
+    const Figures answered = *static_cast<const Figures*>(view);
+    UnmapViewOfFile(view);
     return answered;
 }
 
