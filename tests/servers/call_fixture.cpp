@@ -244,7 +244,6 @@ public:
         return Set(result, LONG(a + SysStringLen(b) + static_cast<LONG>(c) + (d ? 1000 : 0)));
     }
 
-    // A slow server.
     HRESULT STDMETHODCALLTYPE Pause(LONG milliseconds) override
     {
         Sleep(static_cast<DWORD>(milliseconds));

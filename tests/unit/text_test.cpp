@@ -255,6 +255,7 @@ public:
     }
     std::size_t Between(std::size_t low, std::size_t high) { return low + Below(high - low + 1); }
     bool OneIn(std::size_t n) { return Below(n) == 0; }
+    std::uint32_t Word() { return static_cast<std::uint32_t>(engine_()); }
     std::string From(const std::string& alphabet, std::size_t minLength, std::size_t maxLength)
     {
         std::string text(Between(minLength, maxLength), '\0');
@@ -410,7 +411,7 @@ void MoxTextFormats(TextGenerator& gen)
         r.text = r.isText ? (gen.OneIn(8) ? std::string(gen.Between(9000, 30000), 'w') : gen.OddNarrow(40)) : "";
         const std::string conversion = r.isText ? kTextConversions[gen.Below(std::size(kTextConversions))]
                                                 : kNumberConversions[gen.Below(std::size(kNumberConversions))];
-        r.number = static_cast<std::int32_t>(conversion == "%c" ? gen.Between(1, 255) : gen.Below(1ull << 32));
+        r.number = static_cast<std::int32_t>(conversion == "%c" ? gen.Between(1, 255) : gen.Word());
         r.format = before + conversion + literal();
         expected += r.isText ? Expected(r.format.c_str(), r.text.c_str()) : Expected(r.format.c_str(), r.number);
     }
