@@ -130,17 +130,28 @@ struct Case {
     const wchar_t* key;
     const wchar_t* member;
     const wchar_t* script;  // the statement in a VBScript loop, on the object o and the variable n
-    double aim;             // the highest ratio kept/raw wanted; 0 for none
+    double keptAim;         // the highest ratio kept/raw wanted; 0 for none
+    double rebuiltAim;      // the same for rebuilt/raw
     std::vector<std::unique_ptr<CMetaObjectItem>> items;
     std::function<void(IDispatch*, DISPID)> raw;
     std::int32_t expected;  // what the first call gives back, checked before timing
     bool writesBack;        // the first item is in/out and must come back one higher
 };
 
+// "at most 1.5x: met", or "-" for no aim.
+std::string AimText(double ratio, double aim)
+{
+    if (aim <= 0)
+        return "-";
+    char text[48];
+    std::snprintf(text, sizeof text, "at most %.1fx: %s", aim, ratio <= aim ? "met" : "missed");
+    return text;
+}
+
 std::vector<Case> MakeCases()
 {
     std::vector<Case> cases;
-    cases.push_back({"get, no argument", L"Get:Number", L"Number", L"x = o.Number", 1.5, {},
+    cases.push_back({"get, no argument", L"Get:Number", L"Number", L"x = o.Number", 1.2, 2.0, {},
                      [](IDispatch* object, DISPID id) {
                          DISPPARAMS none{};
                          Variant result;
@@ -151,7 +162,7 @@ std::vector<Case> MakeCases()
 
     // The raw caller holds the same values as the host's items, the text as
     // its own wide string: both make a BSTR of it for each call.
-    Case four{"method, four arguments", L"Invoke:Four", L"Four", L"x = o.Four(7, \"four\", 2.5, True)", 2.0, {},
+    Case four{"method, four arguments", L"Invoke:Four", L"Four", L"x = o.Four(7, \"four\", 2.5, True)", 1.5, 2.0, {},
               [](IDispatch* object, DISPID id) {
                   Bstr text(SysAllocString(L"four"));
                   VARIANT arguments[4];
@@ -180,7 +191,7 @@ std::vector<Case> MakeCases()
     cases.push_back(std::move(four));
 
     // The value goes up by one each call, on every side; no run is long enough to overflow it.
-    Case ref{"in/out long", L"Invoke:RefI4", L"RefI4", L"o.RefI4 (n)", 0, {},
+    Case ref{"in/out long", L"Invoke:RefI4", L"RefI4", L"o.RefI4 (n)", 0, 2.0, {},
              [](IDispatch* object, DISPID id) {
                  static LONG cell = 5;
                  VARIANT argument;
@@ -408,16 +419,14 @@ int main()
                 "FreeMethodInvoke\n"
                 "  raw      IDispatch::Invoke with a cached DISPID; the four-argument call makes its BSTR too\n\n");
     std::printf("%-24s %9s %9s %9s %9s %12s  %s\n", "call", "kept", "rebuilt", "raw", "kept/raw", "rebuilt/raw",
-                "aim for kept/raw");
+                "aims kept, rebuilt");
     for (std::size_t at = 0; at < cases.size(); ++at) {
         const ModuleRow& row = moduleRows[at];
         const double ratio = row.kept / row.raw;
-        char aim[48] = "-";
-        if (cases[at].aim > 0)
-            std::snprintf(aim, sizeof aim, "at most %.1fx: %s", cases[at].aim,
-                          ratio <= cases[at].aim ? "met" : "missed");
-        std::printf("%-24s %9.0f %9.0f %9.0f %9.2f %12.2f  %s\n", cases[at].label, row.kept, row.rebuilt, row.raw,
-                    ratio, row.rebuilt / row.raw, aim);
+        const double rebuilt = row.rebuilt / row.raw;
+        std::printf("%-24s %9.0f %9.0f %9.0f %9.2f %12.2f  %s, %s\n", cases[at].label, row.kept, row.rebuilt, row.raw,
+                    ratio, rebuilt, AimText(ratio, cases[at].keptAim).c_str(),
+                    AimText(rebuilt, cases[at].rebuiltAim).c_str());
     }
 
     std::printf("\nFrom VBScript through MSScriptControl.ScriptControl: Eval of a function that creates the\n"
