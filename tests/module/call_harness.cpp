@@ -150,7 +150,7 @@ void CallTest::WithObject(const std::string& identity, const std::function<void(
 {
     // Out of process, the served objects are counted by the server's process.
     const bool local = identity.size() > 6 && identity.compare(identity.size() - 6, 6, ".Local") == 0;
-    const auto live = [&] { return local ? LocalServer::Ask().live : server.LiveObjects(); };
+    const auto live = [&] { return local ? LocalServer::LiveObjects() : server.LiveObjects(); };
     const long before = live();
     RunInitialised([&] {
         auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());

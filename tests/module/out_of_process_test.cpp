@@ -16,6 +16,13 @@ namespace {
 
 const std::string kCollections = std::string("COM://") + CollectionValues::kProgIdNarrow;
 
+std::string GuidText(REFGUID id)
+{
+    wchar_t text[40] = {};
+    StringFromGUID2(id, text, 40);
+    return Narrow(CMetaString(text));
+}
+
 // Ends the program if it lives a minute longer: a hang fails.
 struct Watchdog {
     static void CALLBACK Fire(void*, BOOLEAN)
@@ -49,7 +56,7 @@ TEST_F(OutOfProcessTest, ObjectsGoBothWaysAndCollectionsAreWalked)
     WithObject(FixtureIdentity(true), [&](CMetaObjectCOMHandler& fixture) {
         const Outcome child = Call(fixture, L"Invoke:MakeChild");
         ASSERT_NE(ObjectOf(child.result.get()), nullptr);
-        EXPECT_EQ(LocalServer::Ask().live, 2);
+        EXPECT_EQ(LocalServer::LiveObjects(), 2);
         const Outcome id = Call(ItemHandler(child.result.get()), L"Get:Id");
         const Param given = ObjectItem(ObjectOf(child.result.get()));
         EXPECT_EQ(ValueText(Call(fixture, L"Invoke:ChildId", {given.get()}).result.get()), ValueText(id.result.get()));
@@ -78,11 +85,24 @@ TEST_F(OutOfProcessTest, AServerThatDiesFailsCleanly)
 {
     WithFixture([&](CMetaObjectCOMHandler& inProcess) {
         Watchdog watchdog;
+        // The other kind under class ids of this run's.
+        GUID id{};
+        ASSERT_EQ(CoCreateGuid(&id), S_OK);
+        std::string command = "\"" + ProgramDirectory() + "tests\\fixture_local.exe\" other " + GuidText(id);
+        STARTUPINFOA startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION started{};
+        ASSERT_TRUE(CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                   &started));
+        LocalServer::HandleOwner server(started.hProcess), thread(started.hThread);
         auto* fixture = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
         auto* maker = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-        ASSERT_EQ(fixture->Open((FixtureIdentity() + LocalServer::kOtherSuffix).c_str(), nullptr),
-                  MetaStatusOk);
-        ASSERT_EQ(maker->Open((kCollections + LocalServer::kOtherSuffix).c_str(), nullptr), MetaStatusOk);
+        while (fixture->Open(("COM://" + GuidText(id).substr(1, 36)).c_str(), nullptr) != MetaStatusOk)
+            Sleep(20);  // until the server has registered its classes
+        GUID collectionId = id;
+        collectionId.Data1 += 1;
+        const std::string collections = "COM://" + GuidText(collectionId).substr(1, 36);
+        ASSERT_EQ(maker->Open(collections.c_str(), nullptr), MetaStatusOk);
         const Param flags = Int(CollectionValues::kPlain), size = Int(10), number = Int(7);
         Outcome made = Call(*maker, L"Invoke:Make", {flags.get(), size.get()});
         CMetaObjectCOMHandler& collection = ItemHandler(made.result.get());
@@ -93,9 +113,6 @@ TEST_F(OutOfProcessTest, AServerThatDiesFailsCleanly)
         CItemList list{number.get()};
         ASSERT_EQ(fixture->SetInvokeParams(&built, list), MetaStatusOk);
 
-        const DWORD process = LocalServer::Ask(true).process;
-        ASSERT_NE(process, 0u);
-        LocalServer::HandleOwner server(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, process));
         ASSERT_TRUE(TerminateProcess(server.Get(), 9));
         ASSERT_EQ(WaitForSingleObject(server.Get(), 10000), WAIT_OBJECT_0);
 

@@ -93,6 +93,7 @@ FixtureClass g_classes[] = {
      kHostileLibraryResource, CFixtureFactory(CreateHostileFixture)},
 };
 
+#ifndef FIXTURE_LOCAL_SERVER
 std::wstring GuidText(REFGUID guid)
 {
     wchar_t text[40] = {};
@@ -130,7 +131,6 @@ HRESULT RegisterClassKeys(const FixtureClass& fixture, const CLSID& classId, con
     return S_OK;
 }
 
-#ifndef FIXTURE_LOCAL_SERVER
 // The class keys and the class's library.
 HRESULT RegisterClass(const FixtureClass& fixture, const wchar_t* serverPath)
 {
@@ -191,16 +191,21 @@ __declspec(dllexport) HRESULT __stdcall DllCanUnloadNow()
     return FixtureLiveObjects() == 0 && g_serverLocks == 0 ? S_OK : S_FALSE;
 }
 
-// The libraries of resources 2 to 5; the catalogue library of resource 1
-// stays unregistered.
+// The libraries of resources 2 to 5 (the catalogue library of resource 1 stays
+// unregistered), and the classes again as served by fixture_local.exe beside this file.
 __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
 {
     wchar_t serverPath[MAX_PATH] = {};
     const DWORD length = GetModuleFileNameW(g_fixtureModule, serverPath, MAX_PATH);
     if (length == 0 || length == MAX_PATH)
         return SELFREG_E_CLASS;
+    const std::wstring path = serverPath;
+    const std::wstring local = L"\"" + path.substr(0, path.find_last_of(L'\\') + 1) + L"fixture_local.exe\"";
     for (const FixtureClass& fixture : g_classes) {
-        const HRESULT hr = RegisterClass(fixture, serverPath);
+        HRESULT hr = RegisterClass(fixture, serverPath);
+        if (SUCCEEDED(hr))
+            hr = RegisterClassKeys(fixture, LocalServer::ClassId(fixture.classId),
+                                   fixture.progId + std::wstring(L".Local"), L"\\LocalServer32", local, nullptr);
         if (FAILED(hr))
             return hr;
     }
@@ -212,45 +217,41 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
 
 namespace {
 
-// The other kind serves the call and collection fixtures alone.
-bool OfKind(const FixtureClass& fixture, bool other)
+// Serves the fixtures under their out-of-process class ids or, given a class
+// id, the other kind: the call and collection fixtures under that one.
+void ServeClasses(const CLSID* otherId)
 {
-    return !other || &fixture.classId == &CLSID_CallFixture || &fixture.classId == &CLSID_CollectionFixture;
-}
-
-// Serves the fixtures of its kind under their out-of-process class ids.
-void ServeClasses(bool other)
-{
+    using namespace LocalServer;
+    const bool other = otherId != nullptr;
     std::vector<DWORD> cookies;
     for (FixtureClass& fixture : g_classes) {
-        if (!OfKind(fixture, other))
+        const bool collection = &fixture.classId == &CLSID_CollectionFixture;
+        if (other && !collection && &fixture.classId != &CLSID_CallFixture)
             continue;
         DWORD cookie = 0;
-        if (SUCCEEDED(CoRegisterClassObject(LocalServer::ClassId(fixture.classId, other), &fixture.factory,
-                                            CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie)))
+        CLSID id = other ? *otherId : ClassId(fixture.classId);
+        id.Data1 += other && collection ? 1 : 0;
+        if (SUCCEEDED(CoRegisterClassObject(id, &fixture.factory, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE, &cookie)))
             cookies.push_back(cookie);
     }
-    using LocalServer::Name;
-    LocalServer::HandleOwner ask(CreateEventW(nullptr, FALSE, FALSE, Name(L"Ask", other).c_str()));
-    LocalServer::HandleOwner answer(CreateEventW(nullptr, FALSE, FALSE, Name(L"Answer", other).c_str()));
-    LocalServer::HandleOwner mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                                        sizeof(LocalServer::Figures), Name(L"Figures", other).c_str()));
-    auto* figures = mapping ? static_cast<LocalServer::Figures*>(
-                                  MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, sizeof(LocalServer::Figures)))
-                            : nullptr;
-    // An apartment-threaded server pumps messages. It ends once it has had no
-    // object for a few seconds, or nothing new for longer (the platform's
-    // marshaler keeps references of its own on some objects it carried), so
-    // no test leaves it behind.
+    // Only the first kind tells its count; the other is started and killed by a test.
+    HandleOwner ask(other ? nullptr : CreateEventW(nullptr, FALSE, FALSE, kAskEvent));
+    HandleOwner answer(other ? nullptr : CreateEventW(nullptr, FALSE, FALSE, kAnswerEvent));
+    HandleOwner mapping(other ? nullptr
+                              : CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG),
+                                                   kLiveBlock));
+    LONG* live = mapping ? static_cast<LONG*>(MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, sizeof(LONG)))
+                         : nullptr;
+    // It pumps messages, and ends once it has had no object for a few seconds, or nothing new for longer
+    // (the platform's marshaler keeps references on some objects it carried), so no test leaves it behind.
     constexpr DWORD kIdleExit = 3000;
     constexpr DWORD kAbandonedExit = 20000;
     DWORD busyAt = GetTickCount();
     HANDLE waited = ask.Get();
     for (;;) {
         const DWORD woke = MsgWaitForMultipleObjects(waited ? 1 : 0, &waited, FALSE, 250, QS_ALLINPUT);
-        if (woke == WAIT_OBJECT_0 && waited && figures) {
-            figures->live = AllLiveObjects();
-            figures->process = GetCurrentProcessId();
+        if (woke == WAIT_OBJECT_0 && waited && live) {
+            *live = AllLiveObjects();
             SetEvent(answer.Get());
         }
         MSG message;
@@ -263,26 +264,8 @@ void ServeClasses(bool other)
     }
     for (DWORD cookie : cookies)
         CoRevokeClassObject(cookie);
-    if (figures)
-        UnmapViewOfFile(figures);
-}
-
-// The local server keys of both kinds; the libraries are the in-process
-// server's registration.
-HRESULT RegisterLocalClasses()
-{
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    HRESULT hr = length == 0 || length == MAX_PATH ? SELFREG_E_CLASS : S_OK;
-    for (const bool other : {false, true}) {
-        for (const FixtureClass& fixture : g_classes) {
-            if (OfKind(fixture, other) && SUCCEEDED(hr))
-                hr = RegisterClassKeys(fixture, LocalServer::ClassId(fixture.classId, other),
-                                       fixture.progId + std::wstring(other ? L".Other" : L".Local"), L"\\LocalServer32",
-                                       L"\"" + std::wstring(path) + (other ? L"\" other" : L"\""), nullptr);
-        }
-    }
-    return hr;
+    if (live)
+        UnmapViewOfFile(live);
 }
 
 }  // namespace
@@ -291,11 +274,13 @@ int WINAPI WinMain(HINSTANCE instance, HINSTANCE, LPSTR, int)
 {
     g_fixtureModule = instance;
     const std::wstring line = GetCommandLineW();
-    if (line.find(L"/RegServer") != std::wstring::npos)
-        return FAILED(RegisterLocalClasses()) ? 1 : 0;
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 1;
-    ServeClasses(line.find(L" other") != std::wstring::npos);
+    const std::size_t other = line.find(L" other {");
+    CLSID otherId = {};
+    if (other != std::wstring::npos && FAILED(CLSIDFromString(line.substr(other + 7, 38).c_str(), &otherId)))
+        return 1;
+    ServeClasses(other != std::wstring::npos ? &otherId : nullptr);
     CoUninitialize();
     return 0;
 }

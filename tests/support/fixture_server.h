@@ -41,31 +41,23 @@ private:
     LiveObjectsFn liveObjects = nullptr;
 };
 
-// The same fixtures served by an executable in a process of its own. Its class
-// ids differ from the in-process ones, so that creation reaches the executable.
-// The other kind serves the call and collection fixtures from yet another
-// process, which a test may kill and still reach the first.
+// The same fixtures served by an executable, under class ids of its own. The other kind, started by a
+// test with "other {id}", serves the call and collection fixtures under that id and the next: Wine keeps
+// a killed server's classes registered to the dead process until its session ends.
 namespace LocalServer {
 
 constexpr char kSuffix[] = ".Local";
-constexpr char kOtherSuffix[] = ".Other";
 
-struct Figures {
-    LONG live;
-    DWORD process;
-};
+// The named events and block through which the running server tells its count of live objects.
+constexpr wchar_t kAskEvent[] = L"ComHandlerTest.LocalServer.Ask";
+constexpr wchar_t kAnswerEvent[] = L"ComHandlerTest.LocalServer.Answer";
+constexpr wchar_t kLiveBlock[] = L"ComHandlerTest.LocalServer.Live";
 
-inline CLSID ClassId(const CLSID& inProcess, bool other)
+inline CLSID ClassId(const CLSID& inProcess)
 {
     CLSID id = inProcess;
-    id.Data1 ^= other ? 0x00020000u : 0x00010000u;
+    id.Data1 ^= 0x00010000u;
     return id;
-}
-
-// The named events and figures block through which a server of one kind answers.
-inline std::wstring Name(const wchar_t* what, bool other)
-{
-    return std::wstring(L"ComHandlerTest.LocalServer.") + what + (other ? L".Other" : L"");
 }
 
 struct HandleCloser {
@@ -73,24 +65,24 @@ struct HandleCloser {
 };
 using HandleOwner = MetaObj::UniqueResource<HANDLE, HandleCloser, nullptr>;
 
-// What the running server of a kind says of itself: none running has none
-// alive (process 0); live -1 when it doesn't answer.
-inline Figures Ask(bool other = false)
+// The running server's live objects: none running has none; -1 when it
+// doesn't answer.
+inline long LiveObjects()
 {
-    HandleOwner ask(OpenEventW(EVENT_MODIFY_STATE, FALSE, Name(L"Ask", other).c_str()));
-    HandleOwner answer(OpenEventW(SYNCHRONIZE, FALSE, Name(L"Answer", other).c_str()));
-    HandleOwner mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, Name(L"Figures", other).c_str()));
+    HandleOwner ask(OpenEventW(EVENT_MODIFY_STATE, FALSE, kAskEvent));
+    HandleOwner answer(OpenEventW(SYNCHRONIZE, FALSE, kAnswerEvent));
+    HandleOwner mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, kLiveBlock));
     if (!ask || !answer || !mapping)
-        return {0, 0};
+        return 0;
     SetEvent(ask.Get());
     const void* view = WaitForSingleObject(answer.Get(), 5000) == WAIT_OBJECT_0
-                           ? MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, sizeof(Figures))
+                           ? MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, sizeof(LONG))
                            : nullptr;
     if (!view)
-        return {-1, 0};
-    const Figures answered = *static_cast<const Figures*>(view);
+        return -1;
+    const LONG live = *static_cast<const LONG*>(view);
     UnmapViewOfFile(view);
-    return answered;
+    return live;
 }
 
 }  // namespace LocalServer
