@@ -1,5 +1,7 @@
 #include "tests/module/call_harness.h"
 
+#include <cstring>
+
 #include "tests/servers/call_fixture_values.h"
 
 using namespace MetaObj;
@@ -137,7 +139,7 @@ void CallTest::SetUp()
 
 std::string FixtureIdentity(bool local)
 {
-    return std::string("COM://") + FixtureValues::kProgIdNarrow + (local ? ".Local" : "");
+    return std::string("COM://") + FixtureValues::kProgIdNarrow + (local ? LocalServer::kSuffix : "");
 }
 
 void CallTest::WithFixture(const std::function<void(CMetaObjectCOMHandler&)>& body)
@@ -149,7 +151,9 @@ void CallTest::WithObject(const std::string& identity, const std::function<void(
                           CObjectOpenParams* params)
 {
     // Out of process, the served objects are counted by the server's process.
-    const bool local = identity.size() > 6 && identity.compare(identity.size() - 6, 6, ".Local") == 0;
+    const std::size_t suffix = std::strlen(LocalServer::kSuffix);
+    const bool local =
+        identity.size() > suffix && identity.compare(identity.size() - suffix, suffix, LocalServer::kSuffix) == 0;
     const auto live = [&] { return local ? LocalServer::LiveObjects() : server.LiveObjects(); };
     const long before = live();
     RunInitialised([&] {

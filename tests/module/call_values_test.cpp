@@ -267,7 +267,7 @@ constexpr char kArrayFixture[] = "COM://ComHandlerTest.ArrayFixture";
 TEST_F(ArrayCallTest, FixtureArraysComeWithTheirShapeAndGoBack)
 {
     for (const bool local : {false, true}) {
-        WithObject(std::string(kArrayFixture) + (local ? ".Local" : ""), [&](CMetaObjectCOMHandler& fixture) {
+        WithObject(std::string(kArrayFixture) + (local ? LocalServer::kSuffix : ""), [&](CMetaObjectCOMHandler& fixture) {
             using Spots = std::vector<std::pair<std::size_t, std::wstring>>;  // texts of elements in the walk
             const Bounds three{{0, 3}};
             const struct {

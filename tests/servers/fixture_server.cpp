@@ -13,6 +13,7 @@
 #include <olectl.h>
 #include <oleauto.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -203,9 +204,10 @@ __declspec(dllexport) HRESULT __stdcall DllRegisterServer()
     const std::wstring local = L"\"" + path.substr(0, path.find_last_of(L'\\') + 1) + L"fixture_local.exe\"";
     for (const FixtureClass& fixture : g_classes) {
         HRESULT hr = RegisterClass(fixture, serverPath);
+        const std::wstring suffix(LocalServer::kSuffix, LocalServer::kSuffix + std::strlen(LocalServer::kSuffix));
         if (SUCCEEDED(hr))
-            hr = RegisterClassKeys(fixture, LocalServer::ClassId(fixture.classId),
-                                   fixture.progId + std::wstring(L".Local"), L"\\LocalServer32", local, nullptr);
+            hr = RegisterClassKeys(fixture, LocalServer::ClassId(fixture.classId), fixture.progId + suffix,
+                                   L"\\LocalServer32", local, nullptr);
         if (FAILED(hr))
             return hr;
     }
@@ -274,11 +276,11 @@ int WINAPI WinMain(HINSTANCE instance, HINSTANCE, LPSTR, int)
 {
     g_fixtureModule = instance;
     const std::wstring line = GetCommandLineW();
-    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
-        return 1;
     const std::size_t other = line.find(L" other {");
     CLSID otherId = {};
     if (other != std::wstring::npos && FAILED(CLSIDFromString(line.substr(other + 7, 38).c_str(), &otherId)))
+        return 1;
+    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 1;
     ServeClasses(other != std::wstring::npos ? &otherId : nullptr);
     CoUninitialize();
