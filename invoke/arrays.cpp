@@ -111,6 +111,63 @@ bool LayoutFits(const SAFEARRAY& array, VARTYPE elementType)
     return array.cbElements == size && (array.fFeatures & kOwningFlags) == flag;
 }
 
+bool Readable(const void* at, std::size_t size)
+{
+    MEMORY_BASIC_INFORMATION region{};
+    if (!VirtualQuery(at, &region, sizeof region) || region.State != MEM_COMMIT ||
+        (region.Protect & (PAGE_GUARD | PAGE_NOACCESS)) || region.Protect == 0)
+        return false;
+    const auto* end = static_cast<const char*>(region.BaseAddress) + region.RegionSize;
+    return static_cast<const char*>(at) + size <= end;
+}
+
+bool Executable(const void* at)
+{
+    MEMORY_BASIC_INFORMATION region{};
+    constexpr DWORD kExecute = PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+    return VirtualQuery(at, &region, sizeof region) && region.State == MEM_COMMIT && (region.Protect & kExecute);
+}
+
+// An interface pointer of this process: aligned, readable, and its table's
+// first three entries (QueryInterface, AddRef, Release) are code. Nothing is
+// called to find out, so an address from another process is refused unread.
+bool LooksLikeObjectHere(const void* cell)
+{
+    if (!cell)
+        return true;
+    if (reinterpret_cast<std::uintptr_t>(cell) % alignof(void*) != 0 || !Readable(cell, sizeof(void*)))
+        return false;
+    const auto* table = *static_cast<const void* const* const*>(cell);
+    if (reinterpret_cast<std::uintptr_t>(table) % alignof(void*) != 0 || !Readable(table, 3 * sizeof(void*)))
+        return false;
+    return Executable(table[0]) && Executable(table[1]) && Executable(table[2]);
+}
+
+// Wine's marshaler hands an array of objects over with none of the features
+// that say what its elements are, though each element holds a reference it
+// made for us; Windows' marshaler keeps them. Such an array is given the
+// feature its VARIANT names, so that it is read as objects and its
+// destruction releases them, but only when every element is an object of
+// this process: a server under Wine that sends back an array it was sent
+// sends numbers that were addresses in its own process, and those are left
+// unread, as any array whose layout doesn't fit.
+void AdoptMarshaledObjects(SAFEARRAY& array, VARTYPE elementType, std::uint64_t count)
+{
+    constexpr USHORT kTypeFlags =
+        FADF_BSTR | FADF_UNKNOWN | FADF_DISPATCH | FADF_VARIANT | FADF_RECORD | FADF_HAVEIID | FADF_HAVEVARTYPE;
+    if ((elementType != VT_DISPATCH && elementType != VT_UNKNOWN) || (array.fFeatures & kTypeFlags) ||
+        array.cbElements != sizeof(IUnknown*) || !array.pvData || array.cLocks != 0)
+        return;
+    const auto* cells = static_cast<void* const*>(array.pvData);
+    if (count > SIZE_MAX / sizeof(void*) || !Readable(cells, static_cast<std::size_t>(count) * sizeof(void*)))
+        return;
+    for (std::uint64_t at = 0; at < count; ++at) {
+        if (!LooksLikeObjectHere(cells[at]))
+            return;
+    }
+    array.fFeatures |= elementType == VT_DISPATCH ? FADF_DISPATCH : FADF_UNKNOWN;
+}
+
 }  // namespace
 
 namespace MetaObj {
@@ -460,6 +517,8 @@ CMetaObjectItem* CCOMMethodInvoke::ArrayVariantToItem(const VARIANT& value, int 
     // the shape with no elements.
     item->InitElements(type);
     const VARTYPE elementType = value.vt & VT_TYPEMASK;
+    if (product != 0)
+        AdoptMarshaledObjects(*array, elementType, product);
     if (product == 0 || !LayoutFits(*array, elementType))
         return item.release();
     CArrayWalker walker(dimensions, shape.lower, shape.upper, shape.current);

@@ -294,10 +294,6 @@ TEST_F(ArrayCallTest, FixtureArraysComeWithTheirShapeAndGoBack)
             for (const auto& row : rows) {
                 SCOPED_TRACE(Narrow(CMetaString(row.key)) + " " + Narrow(CMetaString(row.signature)) +
                              (local ? " out of process" : ""));
-                // Wine's marshaler hands an array of objects over without the feature
-                // that says so, and breaks its elements when it goes back.
-                if (local && row.type == VT_DISPATCH)
-                    continue;
                 const Param type = Int(row.type), count = Int(3);
                 const Outcome made = row.type == VT_EMPTY ? Call(fixture, row.key)
                                                           : Call(fixture, row.key, {type.get(), count.get()});

@@ -158,6 +158,7 @@ TEST_F(HostileTest, CallsThatBreakTheRules)
             {"2^31 elements over 16 bytes", L"Invoke:GiveArray", ParamList(Int(kNegativeCount)), ok, "none", 0},
             {"a null array", L"Invoke:GiveArray", ParamList(Int(kNullArray)), ok, "none", 0},
             {"an element holding itself", L"Invoke:GiveArray", ParamList(Int(kVariantHoldsItself)), ok, "array", 0},
+            {"objects that aren't objects here", L"Invoke:GiveArray", ParamList(Int(kBareAddresses)), ok, "array", 0},
             {"no bounds", L"Invoke:Swallow", ParamList(IntArray({})), failed, "none", 0},
             {"65,536 dimensions", L"Invoke:Swallow", ParamList(IntArray(Bounds(65536, {0, 1}))), failed, "none", 0},
             {"101 dimensions", L"Invoke:Swallow", ParamList(IntArray(Bounds(101, {0, 1}))), failed, "none", 0},

@@ -1,6 +1,6 @@
 // The test servers in a process of their own, reached by class factory as most
-// automation servers are. Values and arrays cross in the value and array tests;
-// records, arrays of objects and in/out arrays Wine's marshaler can't carry.
+// automation servers are. Values and arrays (of objects too) cross in the value
+// and array tests; records and in/out arrays Wine's marshaler can't carry.
 
 #include <windows.h>
 

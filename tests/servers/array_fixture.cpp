@@ -1,6 +1,9 @@
 // ArrayFixture: arrays that platform objects can't give, through type-driven
 // dispatch on the server file's own array library (resource 3).
 
+#include <algorithm>
+#include <vector>
+
 #include <windows.h>
 #include <oleauto.h>
 
@@ -29,7 +32,25 @@ private:
 class CArrayFixture : public CCountedDual<IArrayFixture, g_live> {
 public:
     CArrayFixture() : CCountedDual(kArrayLibraryResource) {}
-    HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override { return VariantCopy(result, &value); }
+    HRESULT STDMETHODCALLTYPE Echo(VARIANT value, VARIANT* result) override
+    {
+        SAFEARRAY* const got = value.vt == (VT_ARRAY | VT_DISPATCH) ? value.parray : nullptr;
+        if (!got || (got->fFeatures & (FADF_DISPATCH | FADF_HAVEIID)))
+            return VariantCopy(result, &value);
+        // Wine's marshaler gives this server an array of objects with no feature saying so: it owns
+        // its elements' references all the same, and a copy of it would go back as bare addresses.
+        got->fFeatures |= FADF_DISPATCH;
+        std::vector<SAFEARRAYBOUND> bounds(got->rgsabound, got->rgsabound + got->cDims);
+        std::reverse(bounds.begin(), bounds.end());  // kept last dimension first
+        result->parray = SafeArrayCreate(VT_DISPATCH, got->cDims, bounds.data());
+        result->vt = value.vt;
+        if (!result->parray)
+            return E_OUTOFMEMORY;
+        const USHORT features = result->parray->fFeatures;  // which the copy would take from the source
+        const HRESULT hr = SafeArrayCopyData(got, result->parray);
+        result->parray->fFeatures = features;
+        return hr;
+    }
 
     HRESULT STDMETHODCALLTYPE Make(LONG type, LONG count, VARIANT* result) override
     {

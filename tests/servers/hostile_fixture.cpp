@@ -186,6 +186,15 @@ private:
             element->vt = VT_BYREF | VT_VARIANT;
             element->pvarVal = element;
             SafeArrayUnaccessData(array);
+        } else if (shape == kBareAddresses) {
+            static const void* const table[3] = {table, table, table};
+            static const void* const notObject = table;
+            SafeArrayAllocDescriptor(1, &array);
+            array->cbElements = sizeof(void*);
+            array->rgsabound[0] = {2, 0};
+            SafeArrayAllocData(array);
+            static_cast<const void**>(array->pvData)[0] = reinterpret_cast<const void*>(kGarbage);
+            static_cast<const void**>(array->pvData)[1] = &notObject;
         } else if (shape != kNullArray) {
             // A descriptor that claims what no data stands behind.
             SafeArrayAllocDescriptorEx(VT_I4, shape == kOverflowingCount ? 2 : 1, &array);
@@ -196,7 +205,7 @@ private:
                 std::memset(array->pvData, 0, 16);
             array->cDims = shape == kNoDimensions ? 0 : array->cDims;
         }
-        out.vt = (shape == kVariantHoldsItself ? VT_VARIANT : VT_I4) | VT_ARRAY;
+        out.vt = (shape == kVariantHoldsItself ? VT_VARIANT : shape == kBareAddresses ? VT_DISPATCH : VT_I4) | VT_ARRAY;
         out.parray = array;
         return S_OK;
     }

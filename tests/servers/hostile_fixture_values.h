@@ -19,6 +19,7 @@ enum ArrayShape : std::int32_t {  // GiveArray(shape)
     kNullArray = 3,           // VT_ARRAY|VT_I4 with a null SAFEARRAY
     kNegativeCount = 4,       // one dimension whose cElements has the top bit set
     kVariantHoldsItself = 5,  // VT_ARRAY|VT_VARIANT whose one element is VT_VARIANT|VT_BYREF to itself
+    kBareAddresses = 6,       // VT_ARRAY|VT_DISPATCH of no features: kGarbage, then a table of data, not code
 };
 
 enum TextShape : std::int32_t {  // GiveText(which)
