@@ -166,8 +166,8 @@ TEST_F(ProbeTest, WhatThreadsSlotsAndFreeingLeave)
 // blocks stay flat from the half-way mark. COMHANDLER_LONG_THREAD_HANDLERS raises the default 600.
 TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
 {
-    const char* const dictionary = "COM://Scripting.Dictionary";
-    const char* const undescribable = "COM://VBScript.RegExp";  // no library describes it
+    const char* const files = "COM://Scripting.FileSystemObject";  // in the thread's apartment: no marshaling
+    const char* const undescribable = "COM://ComHandlerTest.NoSuchClass";  // fails, setting the text
     const char* const asked = std::getenv("COMHANDLER_LONG_THREAD_HANDLERS");
     const long count = std::max(asked ? std::atol(asked) : 0L, 600L);
     const long settledAt = std::min(count / 2, 1000L);
@@ -175,17 +175,18 @@ TEST_F(ProbeTest, HandlersInTurnLeaveNothingBehind)
     RunInitialised([&] {
         for (long at = 0; at < count; ++at) {
             auto* handler = static_cast<CMetaObjectCOMHandler*>(module->GetHandlerObject());
-            ASSERT_EQ(handler->Open(dictionary, nullptr), MetaStatusOk);
-            const Param key = Text(L"k", L"VT_VARIANT"), value = Int(at, L"VT_VARIANT");
-            ASSERT_EQ(Call(*handler, L"Invoke:Add", {key.get(), value.get()}).status, MetaStatusOk);
+            ASSERT_EQ(handler->Open(files, nullptr), MetaStatusOk);
+            const Param key = Text(L"k", L"VT_BSTR"), value = Text(L"v", L"VT_BSTR");
+            ASSERT_EQ(Call(*handler, L"Invoke:BuildPath", {key.get(), value.get()}).status, MetaStatusOk);
             CMetaObjectHandler* describer = module->GetHandlerObject();
+            ASSERT_EQ(describer->LoadObjectInfo(files), MetaStatusOk);
             ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
             ASSERT_EQ(Narrow(describer->GetErrorText()), "Could not load type library");
             if (at == 0) {  // a new handler registers, and its next operation clears its text
                 EXPECT_EQ(host.Registrations().back().handler, describer);
                 EXPECT_EQ(host.Registrations().back().module, module->Handle());
                 EXPECT_EQ(describer->GetHandlerInfo(), module->GetHandlerInfo());
-                EXPECT_EQ(describer->LoadObjectInfo(dictionary), MetaStatusOk);
+                EXPECT_EQ(describer->LoadObjectInfo(files), MetaStatusOk);
                 EXPECT_EQ(Narrow(describer->GetErrorText()), "");
                 describer->UnloadObjectInfo();
                 ASSERT_EQ(describer->LoadObjectInfo(undescribable), MetaStatusNoTypeInfo);
