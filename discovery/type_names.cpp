@@ -409,21 +409,27 @@ void MakeParamName(const wchar_t* text, CMetaString& out, int position)
     out.AssignNarrow(formed);
 }
 
-int SplitMethodKey(const CMetaString& key, CMetaString& name, MethodKind& kind)
+const wchar_t* MethodKeyName(const CMetaString& key, MethodKind& kind)
 {
     kind = MethodKindInvoke;
-    const int colon = key.Find(L":");
-    if (colon < 0)
-        return 1;
-    const std::wstring text = WideOf(key);
-    name = CMetaString(text.substr(static_cast<std::size_t>(colon) + 1).c_str());
-    const std::wstring prefix = text.substr(0, static_cast<std::size_t>(colon));
+    const wchar_t* text = key.GetWide();
+    const wchar_t* colon = text ? std::wcschr(text, L':') : nullptr;
+    if (!colon)
+        return nullptr;
+    const std::size_t prefixLength = static_cast<std::size_t>(colon - text);
     for (const KindPrefix& row : kKindPrefixes) {
-        // The run-time's _wcsicmp is slow for its locale, and only a word of
-        // the same length can match.
-        if (prefix.size() == std::wcslen(row.word) && _wcsicmp(prefix.c_str(), row.word) == 0)
+        // The run-time's case-blind comparison is slow for its locale, and only
+        // a word of the same length can match.
+        if (prefixLength == std::wcslen(row.word) && _wcsnicmp(text, row.word, prefixLength) == 0)
             kind = row.kind;
     }
+    return colon + 1;
+}
+
+int SplitMethodKey(const CMetaString& key, CMetaString& name, MethodKind& kind)
+{
+    if (const wchar_t* found = MethodKeyName(key, kind))
+        name.AssignWide(found);
     return 1;
 }
 

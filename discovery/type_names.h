@@ -30,6 +30,8 @@ bool BuildTypeDesc(CTypeDesc& out, ITypeInfo* info, const TYPEDESC* type);
 void PrefixPropertyName(MethodKind kind, bool isBool, CMetaString& name);
 // The text, or "param" and the position when it is empty.
 void MakeParamName(const wchar_t* text, CMetaString& out, int position);
+// The member name as a pointer into the key, which holds it; null when the key has no colon.
+const wchar_t* MethodKeyName(const CMetaString& key, MethodKind& kind);
 // Leaves name alone when the key has no colon.
 int SplitMethodKey(const CMetaString& key, CMetaString& name, MethodKind& kind);
 int MakeMethodKey(CMetaString& key, const CMetaString& name, MethodKind kind);

@@ -341,10 +341,10 @@ MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, 
         } else {
             // A name this object already answered needs no GetIDsOfNames, which
             // is most of the cost of a call built for each statement.
-            CMetaString name;
             MethodKind kind = MethodKindInvoke;
-            SplitMethodKey(methodKey, name, kind);
-            const wchar_t* text = name.IsEmpty() ? L"" : name.GetWide();
+            const wchar_t* text = MethodKeyName(methodKey, kind);
+            if (!text)
+                text = L"";
             DISPID id = -1;
             if (!memberIds.Find(object, text, id)) {
                 id = ResolveMemberName(object, text);
