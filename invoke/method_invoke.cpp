@@ -85,6 +85,7 @@ bool PassesValidation(CMetaObjectItem* item)
 
 // The locals of one call. Released in a fixed order: the arguments from the
 // first of the block upward, then the result, then the block itself.
+// A call of a few arguments, as most are, keeps them in the frame itself.
 struct CallFrame {
     explicit CallFrame(std::size_t count) : count(count)
     {
@@ -92,7 +93,7 @@ struct CallFrame {
         VariantInit(&result);
         if (count == 0)
             return;
-        arguments = new VARIANT[count];
+        arguments = count <= kInFrame ? inFrame : new VARIANT[count];
         std::memset(arguments, 0, sizeof(VARIANT) * count);
         for (std::size_t at = 0; at < count; ++at)
             VariantInit(&arguments[at]);
@@ -102,14 +103,17 @@ struct CallFrame {
         for (std::size_t at = 0; at < count; ++at)
             ReleaseArgument(arguments[at]);
         VariantClear(&result);
-        delete[] arguments;
+        if (arguments != inFrame)
+            delete[] arguments;
     }
     CallFrame(const CallFrame&) = delete;
     CallFrame& operator=(const CallFrame&) = delete;
 
+    static constexpr std::size_t kInFrame = 8;
     std::size_t count;
     VARIANT* arguments = nullptr;
     VARIANT result;
+    VARIANT inFrame[kInFrame];
 };
 
 // Bytes of what a by-reference argument's cell owns for the call, where this
