@@ -13,6 +13,7 @@
 #include "contract/model_fwd.h"
 #include "metaobj/array_walker.h"
 #include "metaobj/type_desc.h"
+#include "platform/block_cache.h"
 
 namespace MetaObj {
 class CMetaObjectStruct;
@@ -33,6 +34,9 @@ public:
 
     // Frees the list, never the items: they stay the caller's.
     virtual ~CCOMMethodInvoke();
+    // A host builds a call for each statement it runs.
+    static void* operator new(std::size_t size) { return MetaObj::TakeBlock(size); }
+    static void operator delete(void* block, std::size_t size) noexcept { MetaObj::GiveBlock(block, size); }
     // Appends to what an earlier call gave.
     virtual MetaStatus SetParams(const MetaObj::CItemList& list);
     virtual MetaStatus SetResultType(const MetaObj::CTypeDesc& type);

@@ -57,6 +57,7 @@ const char* FindFirstOf(const char* text, const char* set)
 }
 
 CMetaObjectItem::CMetaObjectItem(const CTypeDesc& type) : typeDesc(type) {}
+CMetaObjectItem::CMetaObjectItem(std::uint32_t plainType) : typeDesc(plainType, 0, 0) {}
 
 CMetaObjectItem::CMetaObjectItem(const CMetaObjectItem& other)
     : name(other.name),

@@ -8,6 +8,7 @@
 
 #include "contract/model_fwd.h"
 #include "metaobj/type_desc.h"
+#include "platform/block_cache.h"
 #include "text/meta_string.h"
 #include "text/mox_data.h"
 
@@ -19,10 +20,16 @@ constexpr std::size_t kMaxVarParamText = 51;
 class CMetaObjectItem {
 public:
     explicit CMetaObjectItem(const CTypeDesc& type);
+    // Of a plain type (not by reference, no array): made in place, as a scalar of each element is.
+    explicit CMetaObjectItem(std::uint32_t plainType);
     CMetaObjectItem(const CMetaObjectItem& other);
     CMetaObjectItem& operator=(const CMetaObjectItem&) = delete;
 
     virtual ~CMetaObjectItem();
+    // Items are made and freed per element and per call. The deleting destructor is virtual, so an
+    // item goes back to the cache of the binary that made it, whoever frees it.
+    static void* operator new(std::size_t size) { return TakeBlock(size); }
+    static void operator delete(void* block, std::size_t size) noexcept { GiveBlock(block, size); }
     virtual void Clear();
     // A deep copy that the caller owns.
     virtual CMetaObjectItem* Clone() = 0;

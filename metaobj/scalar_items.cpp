@@ -44,7 +44,7 @@ CTypeDesc PlainType(std::uint32_t type)
 
 }  // namespace
 
-CMetaObjectBool::CMetaObjectBool(unsigned char value) : CMetaObjectItem(PlainType(MetaTypeBool)), value(value) {}
+CMetaObjectBool::CMetaObjectBool(unsigned char value) : CMetaObjectItem(MetaTypeBool), value(value) {}
 CMetaObjectBool::~CMetaObjectBool() = default;
 
 CMetaObjectItem* CMetaObjectBool::Clone()
@@ -62,7 +62,7 @@ void CMetaObjectBool::SetValue(const CMetaString& text)
     value = text.Compare(L"true", 0) == 0 ? 1 : 0;
 }
 
-CMetaObjectInt::CMetaObjectInt(std::int32_t value) : CMetaObjectItem(PlainType(MetaTypeInt)), value(value)
+CMetaObjectInt::CMetaObjectInt(std::int32_t value) : CMetaObjectItem(MetaTypeInt), value(value)
 {
     valueFormat.AssignWide(L"%d");
 }
@@ -84,7 +84,7 @@ void CMetaObjectInt::SetValue(const CMetaString& text)
     value = ParseDecimal(text);
 }
 
-CMetaObjectReal::CMetaObjectReal(double value) : CMetaObjectItem(PlainType(MetaTypeReal)), value(value)
+CMetaObjectReal::CMetaObjectReal(double value) : CMetaObjectItem(MetaTypeReal), value(value)
 {
     valueFormat.AssignWide(L"%f");
 }
@@ -107,7 +107,7 @@ void CMetaObjectReal::SetValue(const CMetaString& text)
     value = narrow ? std::atof(narrow) : 0.0;
 }
 
-CMetaObjectChar::CMetaObjectChar(wchar_t value) : CMetaObjectItem(PlainType(MetaTypeChar)), value(value) {}
+CMetaObjectChar::CMetaObjectChar(wchar_t value) : CMetaObjectItem(MetaTypeChar), value(value) {}
 CMetaObjectChar::~CMetaObjectChar() = default;
 
 CMetaObjectItem* CMetaObjectChar::Clone()
@@ -126,7 +126,7 @@ void CMetaObjectChar::SetValue(const CMetaString& text)
     value = text.IsEmpty() ? 0 : text.GetWide()[0];
 }
 
-CMetaObjectEnum::CMetaObjectEnum(std::int32_t value) : CMetaObjectItem(PlainType(MetaTypeEnum)), value(value) {}
+CMetaObjectEnum::CMetaObjectEnum(std::int32_t value) : CMetaObjectItem(MetaTypeEnum), value(value) {}
 CMetaObjectEnum::~CMetaObjectEnum() = default;
 
 CMetaObjectItem* CMetaObjectEnum::Clone()
@@ -145,7 +145,7 @@ void CMetaObjectEnum::SetValue(const CMetaString& text)
 }
 
 CMetaObjectUnknown::CMetaObjectUnknown(std::uint32_t value)
-    : CMetaObjectItem(PlainType(MetaTypeUnknown)), value(value)
+    : CMetaObjectItem(MetaTypeUnknown), value(value)
 {
 }
 
@@ -167,7 +167,7 @@ void CMetaObjectUnknown::SetValue(const CMetaString& text)
     value = narrow ? static_cast<std::uint32_t>(std::strtoul(narrow, nullptr, 16)) : 0;
 }
 
-CMetaObjectString::CMetaObjectString() : CMetaObjectItem(PlainType(MetaTypeString)) {}
+CMetaObjectString::CMetaObjectString() : CMetaObjectItem(MetaTypeString) {}
 CMetaObjectString::CMetaObjectString(const CTypeDesc& type) : CMetaObjectItem(type) {}
 CMetaObjectString::~CMetaObjectString() = default;
 
@@ -200,7 +200,7 @@ CMetaObjectItem* CMetaObjectCurrency::Clone()
     return new CMetaObjectCurrency(*this);
 }
 
-CMetaObjectVoid::CMetaObjectVoid() : CMetaObjectItem(PlainType(MetaTypeVoid)) {}
+CMetaObjectVoid::CMetaObjectVoid() : CMetaObjectItem(MetaTypeVoid) {}
 CMetaObjectVoid::~CMetaObjectVoid() = default;
 
 CMetaObjectItem* CMetaObjectVoid::Clone()

@@ -25,6 +25,7 @@
 #include "metaobj/compound_items.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
+#include "platform/block_cache.h"
 #include "platform/contained_call.h"
 #include "platform/error_text.h"
 #include "platform/handler_info.h"
@@ -643,6 +644,25 @@ TEST(PlatformTest, AContainedFaultAnswersInsteadOfEndingTheProcessAndTheLockEnds
     EXPECT_EQ(lock.section, nullptr);
     EXPECT_EQ(lock.Destroy(), 1u);
     EXPECT_EQ(lock.Enter() + lock.Leave(), 2u);  // a destroyed lock refuses both
+}
+
+TEST(PlatformTest, FreedBlocksAreKeptForTheirSizeUpToABound)
+{
+    std::vector<void*> taken;
+    taken.reserve(600);
+    DrainBlocks();
+    const long before = LiveHeapBlocks();
+    for (int at = 0; at < 600; ++at)
+        taken.push_back(TakeBlock(40));
+    for (void* block : taken)
+        GiveBlock(block, 40);
+    EXPECT_EQ(LiveHeapBlocks() - before, 512);  // the rest went back to the heap
+    void* again = TakeBlock(33);                // the same list: 33 to 48 bytes
+    EXPECT_EQ(again, taken[511]);
+    GiveBlock(again, 33);
+    GiveBlock(TakeBlock(4096), 4096);  // too large to keep
+    DrainBlocks();
+    EXPECT_EQ(LiveHeapBlocks(), before);
 }
 
 // COM fixes a name's id for an object's life: asked once per name and object, again when nothing was found.

@@ -1,0 +1,92 @@
+#include "platform/block_cache.h"
+
+#include <windows.h>
+
+#include <new>
+
+namespace MetaObj {
+namespace {
+
+// One lock-free list per 16 bytes of size up to 512, each keeping at most 512
+// blocks: a batch of a walk or a long argument list fits, and what stays kept
+// is bounded (at most 512 * 16 * 512 bytes in the worst case, and only of
+// sizes in use). Larger objects go straight to the heap. The lists are shared
+// by all threads, so a block freed on another thread is still reused, and a
+// thread's end leaves nothing behind.
+constexpr std::size_t kStep = 16;
+constexpr std::size_t kLargest = 512;
+constexpr USHORT kMostKept = 512;
+
+struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SizeList {
+    SLIST_HEADER head;
+};
+
+SizeList g_lists[kLargest / kStep];
+INIT_ONCE g_listsReady = INIT_ONCE_STATIC_INIT;
+
+BOOL CALLBACK InitialiseLists(PINIT_ONCE, PVOID, PVOID*)
+{
+    for (SizeList& list : g_lists)
+        InitializeSListHead(&list.head);
+    return TRUE;
+}
+
+SizeList* ListFor(std::size_t size)
+{
+    if (size == 0 || size > kLargest)
+        return nullptr;
+    InitOnceExecuteOnce(&g_listsReady, InitialiseLists, nullptr, nullptr);
+    return &g_lists[(size - 1) / kStep];
+}
+
+// Blocks of a list all have its largest size, so any of them serves any size of the list.
+std::size_t Rounded(std::size_t size)
+{
+    return (size + kStep - 1) / kStep * kStep;
+}
+
+}  // namespace
+
+void* TakeBlock(std::size_t size)
+{
+    SizeList* list = ListFor(size);
+    if (!list)
+        return ::operator new(size);
+    if (void* kept = InterlockedPopEntrySList(&list->head))
+        return kept;
+    // An SLIST entry needs the heap's own alignment, which operator new gives.
+    return ::operator new(Rounded(size));
+}
+
+void GiveBlock(void* block, std::size_t size) noexcept
+{
+    if (!block)
+        return;
+    SizeList* list = ListFor(size);
+    if (!list) {
+        ::operator delete(block);
+        return;
+    }
+    // The depth is read before the push, so a race may keep a few more than the most.
+    if (QueryDepthSList(&list->head) >= kMostKept) {
+        ::operator delete(block);
+        return;
+    }
+    InterlockedPushEntrySList(&list->head, static_cast<PSLIST_ENTRY>(block));
+}
+
+void DrainBlocks() noexcept
+{
+    for (SizeList& list : g_lists) {
+        if (!InitOnceExecuteOnce(&g_listsReady, InitialiseLists, nullptr, nullptr))
+            return;
+        PSLIST_ENTRY entry = InterlockedFlushSList(&list.head);
+        while (entry) {
+            PSLIST_ENTRY next = entry->Next;
+            ::operator delete(entry);
+            entry = next;
+        }
+    }
+}
+
+}  // namespace MetaObj
