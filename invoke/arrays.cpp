@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <typeinfo>
 #include <utility>
 
 #include "discovery/type_names.h"
@@ -233,49 +234,87 @@ bool ElementVariant(CMetaObjectItem& element, VARIANT& out, int depth)
     return true;
 }
 
+// The elements of one array are nearly always of one class, and in this
+// run-time a cast of an item made by another binary (the host's) compares
+// class names as text: once a cast has shown an element's class, an element of
+// the very same class is taken without asking again.
+class ElementCasts {
+public:
+    template <typename Item>
+    Item* As(CMetaObjectItem& element)
+    {
+        const std::type_info* type = &typeid(element);
+        if (type == confirmed && target == &typeid(Item))
+            return static_cast<Item*>(&element);
+        Item* cast = dynamic_cast<Item*>(&element);
+        if (cast) {
+            confirmed = type;
+            target = &typeid(Item);
+        }
+        return cast;
+    }
+    bool Int32Of(CMetaObjectItem& element, LONG& out)
+    {
+        if (auto* number = As<CMetaObjectInt>(element)) {
+            out = number->value;
+            return true;
+        }
+        if (auto* enumeration = As<CMetaObjectEnum>(element)) {
+            out = enumeration->value;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    const std::type_info* confirmed = nullptr;
+    const std::type_info* target = nullptr;
+};
+
 // Writes one element; an item of the wrong class for the element type leaves
 // the place at its default, as does a currency or date text that doesn't parse.
 // SafeArrayPutElement copies texts and VARIANTs and takes its own references.
-void PutElement(SAFEARRAY* array, VARTYPE elementType, CMetaObjectItem& element, LONG* index, int depth)
+void PutElement(SAFEARRAY* array, VARTYPE elementType, CMetaObjectItem& element, LONG* index, int depth,
+                ElementCasts& casts)
 {
     LONG number = 0;
     switch (elementType) {
     case VT_I1:
     case VT_UI1:
-        if (auto* character = dynamic_cast<CMetaObjectChar*>(&element)) {
+        if (auto* character = casts.As<CMetaObjectChar>(element)) {
             BYTE low = static_cast<BYTE>(character->value);
             SafeArrayPutElement(array, index, &low);
         }
         break;
     case VT_I2:
     case VT_UI2:
-        if (Int32Of(element, number)) {
+        if (casts.Int32Of(element, number)) {
             SHORT low = static_cast<SHORT>(number);
             SafeArrayPutElement(array, index, &low);
         }
         break;
     case VT_I4: case VT_UI4: case VT_INT: case VT_UINT: case VT_ERROR:
-        if (Int32Of(element, number))
+        if (casts.Int32Of(element, number))
             SafeArrayPutElement(array, index, &number);
         break;
     case VT_R4:
-        if (auto* real = dynamic_cast<CMetaObjectReal*>(&element)) {
+        if (auto* real = casts.As<CMetaObjectReal>(element)) {
             float narrow = static_cast<float>(real->value);
             SafeArrayPutElement(array, index, &narrow);
         }
         break;
     case VT_R8:
-        if (auto* real = dynamic_cast<CMetaObjectReal*>(&element))
+        if (auto* real = casts.As<CMetaObjectReal>(element))
             SafeArrayPutElement(array, index, &real->value);
         break;
     case VT_BOOL:
-        if (auto* flag = dynamic_cast<CMetaObjectBool*>(&element)) {
+        if (auto* flag = casts.As<CMetaObjectBool>(element)) {
             VARIANT_BOOL value = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
             SafeArrayPutElement(array, index, &value);
         }
         break;
     case VT_BSTR:
-        if (auto* text = dynamic_cast<CMetaObjectString*>(&element)) {
+        if (auto* text = casts.As<CMetaObjectString>(element)) {
             Bstr copy(AllocBstr(TextOf(text->value), false));
             SafeArrayPutElement(array, index, copy.Get());
         }
@@ -288,7 +327,7 @@ void PutElement(SAFEARRAY* array, VARTYPE elementType, CMetaObjectItem& element,
     }
     case VT_CY:
     case VT_DATE:
-        if (auto* text = dynamic_cast<CMetaObjectString*>(&element)) {
+        if (auto* text = casts.As<CMetaObjectString>(element)) {
             Bstr temporary(AllocBstr(TextOf(text->value), false));
             const LCID locale = GetUserDefaultLCID();
             if (elementType == VT_CY) {
@@ -305,7 +344,7 @@ void PutElement(SAFEARRAY* array, VARTYPE elementType, CMetaObjectItem& element,
         break;
     case VT_DISPATCH:
     case VT_UNKNOWN:
-        if (auto* object = dynamic_cast<CMetaObjectObject*>(&element)) {
+        if (auto* object = casts.As<CMetaObjectObject>(element)) {
             IDispatch* pointer = object->handler ? object->handler->GetDispatchPointer() : nullptr;
             SafeArrayPutElement(array, index, pointer);
         }
@@ -348,10 +387,11 @@ bool MakeArray(CMetaObjectArray& item, VARTYPE elementType, SafeArray& made, int
     if (product == 0 || !item.elements)
         return true;
     CArrayWalker walker(dimensions, shape.lower, shape.upper, shape.current);
+    ElementCasts casts;
     walker.Start();
     while (!walker.IsFinished()) {
         if (CMetaObjectItem* element = item.GetElement(&walker))
-            PutElement(made.Get(), elementType, *element, reinterpret_cast<LONG*>(walker.current), depth);
+            PutElement(made.Get(), elementType, *element, reinterpret_cast<LONG*>(walker.current), depth, casts);
         walker.Advance();
     }
     return true;
