@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "text/meta_string.h"
+
 namespace MetaObj {
 namespace {
 
@@ -77,6 +79,7 @@ void GiveBlock(void* block, std::size_t size) noexcept
 
 void DrainBlocks() noexcept
 {
+    DrainTextBuffers();
     for (SizeList& list : g_lists) {
         if (!InitOnceExecuteOnce(&g_listsReady, InitialiseLists, nullptr, nullptr))
             return;

@@ -12,6 +12,6 @@ namespace MetaObj {
 void* TakeBlock(std::size_t size);
 // Gives back a block that TakeBlock gave for the same size.
 void GiveBlock(void* block, std::size_t size) noexcept;
-// Frees every kept block: at unload, and before a count of live blocks.
+// Frees every kept block, and the text buffers kept: at unload, and before a count of live blocks.
 void DrainBlocks() noexcept;
 }  // namespace MetaObj

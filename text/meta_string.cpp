@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -10,9 +11,63 @@
 namespace MetaObj {
 namespace {
 
+// Buffers of short texts are kept when released, for the next text of the
+// same length: each item of a number carries its format ("%d"), every result
+// and element read makes one, and under Wine a trip to the heap costs more than
+// the rest of making the item. A buffer is kept under the length of the text it
+// holds, which proves its room whoever allocated it; kept buffers are the
+// run-time heap's own blocks, so whoever takes one frees it as any other.
+constexpr std::size_t kLongestKept = 15;
+constexpr LONG kKeptPerLength = 256;  // a walk's batch of numbers
+
+// Slots filled from the bottom; held says how many, give or take a racing
+// change, so that each side starts where it will most likely succeed. Each
+// slot changes hands by one interlocked exchange, so a buffer has one taker.
+struct KeptBuffers {
+    PVOID volatile slots[kKeptPerLength];
+    volatile LONG held;
+};
+KeptBuffers g_kept[kLongestKept + 1];
+
+wchar_t* TakeKept(std::size_t length)
+{
+    if (length == 0 || length > kLongestKept)
+        return nullptr;
+    KeptBuffers& kept = g_kept[length];
+    for (LONG at = std::min<LONG>(LONG{kept.held}, kKeptPerLength) - 1; at >= 0; --at) {
+        if (kept.slots[at] == nullptr)
+            continue;
+        if (PVOID taken = InterlockedExchangePointer(&kept.slots[at], nullptr)) {
+            InterlockedDecrement(&kept.held);
+            return static_cast<wchar_t*>(taken);
+        }
+    }
+    return nullptr;
+}
+
+// False when the buffer is not kept: too long, empty, or the length's room is full.
+bool KeepBuffer(wchar_t* buffer)
+{
+    std::size_t length = 0;
+    while (length <= kLongestKept && buffer[length] != 0)
+        ++length;
+    if (length == 0 || length > kLongestKept)
+        return false;
+    KeptBuffers& kept = g_kept[length];
+    for (LONG at = std::max<LONG>(LONG{kept.held}, 0); at < kKeptPerLength; ++at) {
+        if (kept.slots[at] == nullptr && InterlockedCompareExchangePointer(&kept.slots[at], buffer, nullptr) == nullptr) {
+            InterlockedIncrement(&kept.held);
+            return true;
+        }
+    }
+    return false;
+}
+
 wchar_t* CopyWide(const wchar_t* text, std::size_t length)
 {
-    wchar_t* copy = new wchar_t[length + 1];
+    wchar_t* copy = TakeKept(length);
+    if (copy == nullptr)
+        copy = new wchar_t[length + 1];
     std::wmemcpy(copy, text, length);
     copy[length] = 0;
     return copy;
@@ -94,7 +149,8 @@ CMetaString& CMetaString::operator=(CMetaString&& other) noexcept
 
 void CMetaString::ReleaseBuffers()
 {
-    delete[] wide;
+    if (wide != nullptr && !KeepBuffer(wide))
+        delete[] wide;
     delete[] narrow;
     wide = nullptr;
     narrow = nullptr;
@@ -224,6 +280,18 @@ bool AnsiToWide(const char* text, wchar_t** out)
         converted = MultiByteToWideChar(CP_ACP, 0, text, length, *out, length);
     (*out)[length] = 0;
     return length == 0 || converted != 0;
+}
+
+void DrainTextBuffers() noexcept
+{
+    for (KeptBuffers& kept : g_kept) {
+        for (PVOID volatile& slot : kept.slots) {
+            if (PVOID taken = InterlockedExchangePointer(&slot, nullptr)) {
+                InterlockedDecrement(&kept.held);
+                delete[] static_cast<wchar_t*>(taken);
+            }
+        }
+    }
 }
 
 }  // namespace MetaObj

@@ -49,6 +49,9 @@ private:
 // The one shared empty string, given by reference where an operation has no text.
 extern const CMetaString kEmptyMetaString;
 
+// Frees the buffers of short texts kept for reuse: at unload, and before a count of live blocks.
+void DrainTextBuffers() noexcept;
+
 // Conversions through the ANSI code page. The caller frees *out with delete[],
 // also after a false result.
 bool WideToAnsi(const wchar_t* text, char** out);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/block_cache.h"
 #include "platform/platform_handles.h"
 #include "tests/probe/probe_test.h"
 #include "tests/servers/call_fixture_values.h"
@@ -84,6 +85,7 @@ struct StressTest : ProbeTest {
             SCOPED_TRACE("round " + std::to_string(at));
             round();
             EXPECT_TRUE(host.Registrations().empty()) << "handlers still in use";
+            MetaObj::DrainBlocks();  // this program's own kept blocks; the probe gives back the module's
             const long blocks = liveBlocks() + LiveHeapBlocks();
             const DWORD handleCount = OpenHandleCount();
             std::printf("round %d: blocks %ld, handles %lu\n", at, blocks, static_cast<unsigned long>(handleCount));

@@ -110,6 +110,21 @@ TEST(MetaStringTest, WhatEachTextHoldsHowItComparesAppendsAndCopies)
     EXPECT_NE(assigned.GetWide(), text.GetWide());
 }
 
+// A released short text's buffer serves the next text of its length, and only of its length.
+TEST(MetaStringTest, AShortTextsBufferIsKeptForItsLengthAlone)
+{
+    ExpectNoBlocksLeft([] {
+        CMetaString format(L"%d");
+        const wchar_t* const held = format.GetWide();
+        format.AssignWide(nullptr);
+        CMetaString same(L"%f");
+        EXPECT_EQ(same.GetWide(), held);
+        same.AssignWide(L"%.3f");  // longer: a buffer of its own
+        EXPECT_NE(same.GetWide(), held);
+        EXPECT_STREQ(same.GetWide(), L"%.3f");
+    });
+}
+
 TEST(MoxDataTest, ReserveGrowsByGrainsBytesMoveInTheOwnStorageAndRangesAreCut)
 {
     const struct { std::uint32_t capacity, length, request, expectedCapacity, expectedLength; } rows[] = {
