@@ -20,25 +20,16 @@ constexpr std::size_t kLargest = 512;
 constexpr USHORT kMostKept = 512;
 
 struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SizeList {
+    SizeList() { InitializeSListHead(&head); }
     SLIST_HEADER head;
 };
 
-SizeList g_lists[kLargest / kStep];
-INIT_ONCE g_listsReady = INIT_ONCE_STATIC_INIT;
-
-BOOL CALLBACK InitialiseLists(PINIT_ONCE, PVOID, PVOID*)
-{
-    for (SizeList& list : g_lists)
-        InitializeSListHead(&list.head);
-    return TRUE;
-}
+// Made before any other object of the binary, so that no item can come first.
+SizeList g_lists[kLargest / kStep] __attribute__((init_priority(101)));
 
 SizeList* ListFor(std::size_t size)
 {
-    if (size == 0 || size > kLargest)
-        return nullptr;
-    InitOnceExecuteOnce(&g_listsReady, InitialiseLists, nullptr, nullptr);
-    return &g_lists[(size - 1) / kStep];
+    return size == 0 || size > kLargest ? nullptr : &g_lists[(size - 1) / kStep];
 }
 
 // Blocks of a list all have its largest size, so any of them serves any size of the list.
@@ -81,8 +72,6 @@ void DrainBlocks() noexcept
 {
     DrainTextBuffers();
     for (SizeList& list : g_lists) {
-        if (!InitOnceExecuteOnce(&g_listsReady, InitialiseLists, nullptr, nullptr))
-            return;
         PSLIST_ENTRY entry = InterlockedFlushSList(&list.head);
         while (entry) {
             PSLIST_ENTRY next = entry->Next;

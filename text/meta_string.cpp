@@ -20,9 +20,10 @@ namespace {
 constexpr std::size_t kLongestKept = 15;
 constexpr LONG kKeptPerLength = 256;  // a walk's batch of numbers
 
-// Slots filled from the bottom; held says how many, give or take a racing
-// change, so that each side starts where it will most likely succeed. Each
-// slot changes hands by one interlocked exchange, so a buffer has one taker.
+// Slots filled from the bottom; held says how many, so that each side starts
+// where it will most likely succeed. Each slot changes hands by one interlocked
+// exchange, so a buffer has one taker; held is only a hint, written plainly,
+// and racing threads at worst make a search miss (a heap trip) or go further.
 struct KeptBuffers {
     PVOID volatile slots[kKeptPerLength];
     volatile LONG held;
@@ -38,7 +39,7 @@ wchar_t* TakeKept(std::size_t length)
         if (kept.slots[at] == nullptr)
             continue;
         if (PVOID taken = InterlockedExchangePointer(&kept.slots[at], nullptr)) {
-            InterlockedDecrement(&kept.held);
+            kept.held = at;
             return static_cast<wchar_t*>(taken);
         }
     }
@@ -56,7 +57,7 @@ bool KeepBuffer(wchar_t* buffer)
     KeptBuffers& kept = g_kept[length];
     for (LONG at = std::max<LONG>(LONG{kept.held}, 0); at < kKeptPerLength; ++at) {
         if (kept.slots[at] == nullptr && InterlockedCompareExchangePointer(&kept.slots[at], buffer, nullptr) == nullptr) {
-            InterlockedIncrement(&kept.held);
+            kept.held = at + 1;
             return true;
         }
     }
@@ -285,12 +286,9 @@ bool AnsiToWide(const char* text, wchar_t** out)
 void DrainTextBuffers() noexcept
 {
     for (KeptBuffers& kept : g_kept) {
-        for (PVOID volatile& slot : kept.slots) {
-            if (PVOID taken = InterlockedExchangePointer(&slot, nullptr)) {
-                InterlockedDecrement(&kept.held);
-                delete[] static_cast<wchar_t*>(taken);
-            }
-        }
+        for (PVOID volatile& slot : kept.slots)
+            delete[] static_cast<wchar_t*>(InterlockedExchangePointer(&slot, nullptr));
+        kept.held = 0;
     }
 }
 
