@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <array>
 #include <cstdio>
 #include <cwchar>
 #include <memory>
@@ -63,6 +64,16 @@ constexpr VarTypeRow kVarTypes[] = {
     {VT_RECORD, L"VT_RECORD", MetaTypeStruct, 1025},
 };
 constexpr VarTypeRow kOtherVarType = {0, L"VT_BYREF", MetaTypeUnknown, kNoName};
+
+// The length of each row's signature, so that a signature is compared only with words of its length.
+constexpr std::array<std::size_t, std::size(kVarTypes)> kVarTypeLengths = [] {
+    std::array<std::size_t, std::size(kVarTypes)> lengths{};
+    for (std::size_t at = 0; at < lengths.size(); ++at) {
+        for (const wchar_t* letter = kVarTypes[at].signature; letter && *letter; ++letter)
+            ++lengths[at];
+    }
+    return lengths;
+}();
 
 const VarTypeRow& RowOf(VARTYPE vt)
 {
@@ -292,8 +303,9 @@ VARTYPE VarTypeFromSignature(const wchar_t* signature)
     };
     if (is(L"VT_BYREF"))
         return VT_DISPATCH | flag;
-    for (const VarTypeRow& row : kVarTypes) {
-        if (row.signature && row.vt != VT_USERDEFINED && is(row.signature))
+    for (std::size_t at = 0; at < std::size(kVarTypes); ++at) {
+        const VarTypeRow& row = kVarTypes[at];
+        if (kVarTypeLengths[at] == length && row.signature && row.vt != VT_USERDEFINED && is(row.signature))
             return row.vt | flag;
     }
     return VT_VOID;
