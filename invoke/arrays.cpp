@@ -516,9 +516,7 @@ bool CCOMMethodInvoke::ArrayItemToVariant(CMetaObjectArray* item, VARIANT& out)
     if (direction != 1 && !MakeArray(*item, elementType, made, 0))
         return false;
     if (direction == 1 || direction == 2) {
-        auto* cell = static_cast<SAFEARRAY**>(std::calloc(1, sizeof(SAFEARRAY*)));
-        if (!cell)
-            throw std::bad_alloc();
+        auto* cell = static_cast<SAFEARRAY**>(NewArgumentCell());
         *cell = made.Release();
         out.pparray = cell;
         out.vt = static_cast<VARTYPE>(VT_ARRAY | VT_BYREF | elementType);

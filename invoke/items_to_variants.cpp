@@ -16,6 +16,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
+#include "platform/block_cache.h"
 #include "platform/contained_call.h"
 #include "platform/platform_handles.h"
 
@@ -126,18 +127,11 @@ const wchar_t* TextOf(const CMetaString& text)
     return text.IsEmpty() ? L"" : text.GetWide();
 }
 
-void* NewCell(std::size_t size)
-{
-    void* cell = std::calloc(1, size);
-    if (cell == nullptr)
-        throw std::bad_alloc();
-    return cell;
-}
-
 template <typename T>
 T* NewCellOf(T value)
 {
-    T* cell = static_cast<T*>(NewCell(sizeof(T)));
+    static_assert(sizeof(T) <= sizeof(VARIANT), "a cell holds what a VARIANT can point at");
+    T* cell = static_cast<T*>(NewArgumentCell());
     *cell = value;
     return cell;
 }
@@ -246,6 +240,20 @@ std::size_t PlainValueBytes(VARTYPE type)
     }
 }
 
+// Every call by reference makes its cells and frees them when it ends: they
+// come from the blocks kept for their size, as items do.
+void* NewArgumentCell()
+{
+    void* cell = TakeBlock(sizeof(VARIANT));
+    std::memset(cell, 0, sizeof(VARIANT));
+    return cell;
+}
+
+void FreeArgumentCell(void* cell) noexcept
+{
+    GiveBlock(cell, sizeof(VARIANT));
+}
+
 void ReleaseArgument(VARIANT& argument)
 {
     const VARTYPE vt = argument.vt;
@@ -263,7 +271,7 @@ void ReleaseArgument(VARIANT& argument)
             // The array in the cell now is the call's: the one that went out,
             // or the one the object put there in its place.
             SafeArrayDestroy(*static_cast<SAFEARRAY**>(cell));
-            std::free(cell);
+            FreeArgumentCell(cell);
         } else if (cell) {
             switch (vt & ~VT_BYREF) {
             case VT_BSTR:
@@ -284,7 +292,7 @@ void ReleaseArgument(VARIANT& argument)
             default:
                 break;
             }
-            std::free(cell);
+            FreeArgumentCell(cell);
         }
     } else if (vt == VT_DISPATCH || vt == VT_UNKNOWN) {
         // Borrowed from the item's handler, which keeps its reference.
@@ -505,7 +513,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         return true;
     }
     case Put::Variant: {
-        auto* cell = static_cast<VARIANT*>(NewCell(sizeof(VARIANT)));
+        auto* cell = static_cast<VARIANT*>(NewArgumentCell());
         out.pvarVal = cell;
         out.vt = vt;
         // Out-only, it goes out empty, as for a text; the cell is cleared after

@@ -34,6 +34,10 @@ private:
 // Releases one argument the call made: its cell and what the call owns in
 // it, or its own value. A by-value object is borrowed and left alone.
 void ReleaseArgument(VARIANT& argument);
+// A zeroed cell for a by-reference argument, with room for any value a VARIANT
+// points at; throws std::bad_alloc. ReleaseArgument frees it, by FreeArgumentCell.
+void* NewArgumentCell();
+void FreeArgumentCell(void* cell) noexcept;
 
 // A BSTR of the text; a failed allocation throws E_OUTOFMEMORY. A null or
 // empty text gives an empty BSTR when emptyIsNull is false, else null.
