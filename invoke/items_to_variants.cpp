@@ -111,11 +111,11 @@ const Row* FindRow(const Row* rows, std::size_t count, const wchar_t* signature,
 // The 32-bit value of the items that carry one as a number.
 bool Int32Of(CMetaObjectItem* item, LONG& out)
 {
-    if (auto* number = dynamic_cast<CMetaObjectInt*>(item)) {
+    if (auto* number = ItemAs<CMetaObjectInt>(item)) {
         out = number->value;
         return true;
     }
-    if (auto* enumeration = dynamic_cast<CMetaObjectEnum*>(item)) {
+    if (auto* enumeration = ItemAs<CMetaObjectEnum>(item)) {
         out = enumeration->value;
         return true;
     }
@@ -148,22 +148,22 @@ IDispatch* ObjectPointerOf(CMetaObjectObject& item)
 bool NaturalValue(CMetaObjectItem* item, VARIANT& out, bool ownReference)
 {
     LONG number = 0;
-    if (auto* text = dynamic_cast<CMetaObjectString*>(item)) {
+    if (auto* text = ItemAs<CMetaObjectString>(item)) {
         out.bstrVal = AllocBstr(TextOf(text->value), false);
         out.vt = VT_BSTR;
     } else if (Int32Of(item, number)) {
         out.vt = VT_I4;
         out.lVal = number;
-    } else if (auto* real = dynamic_cast<CMetaObjectReal*>(item)) {
+    } else if (auto* real = ItemAs<CMetaObjectReal>(item)) {
         out.vt = VT_R8;
         out.dblVal = real->value;
-    } else if (auto* flag = dynamic_cast<CMetaObjectBool*>(item)) {
+    } else if (auto* flag = ItemAs<CMetaObjectBool>(item)) {
         out.vt = VT_BOOL;
         out.boolVal = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
-    } else if (auto* character = dynamic_cast<CMetaObjectChar*>(item)) {
+    } else if (auto* character = ItemAs<CMetaObjectChar>(item)) {
         out.vt = VT_UI1;
         out.bVal = static_cast<BYTE>(character->value);
-    } else if (auto* object = dynamic_cast<CMetaObjectObject*>(item)) {
+    } else if (auto* object = ItemAs<CMetaObjectObject>(item)) {
         IDispatch* pointer = ObjectPointerOf(*object);
         if (pointer && ownReference)
             pointer->AddRef();
@@ -316,7 +316,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     }
     const CTypeDesc& type = item->GetTypeDesc();
     if (type.bounds) {
-        auto* array = dynamic_cast<CMetaObjectArray*>(item);
+        auto* array = ItemAs<CMetaObjectArray>(item);
         return array != nullptr && ArrayItemToVariant(array, out);
     }
     if (item->GetTagText().CompareNoCase(kNullObjectTag, 0) == 0) {
@@ -343,7 +343,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     // item's class is asked only where the answer counts: in this run-time a
     // cast that fails compares type names as text.
     if (type.type == MetaTypeStruct && SameText(signature, L"VT_DISPATCH") &&
-        dynamic_cast<CMetaObjectStruct*>(item)) {
+        ItemAs<CMetaObjectStruct>(item)) {
         signature = L"VT_RECORD";
         vt = VT_RECORD;
     }
@@ -351,20 +351,20 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
 
     const Row* row = byRef ? FindRow(kByReferenceRows, std::size(kByReferenceRows), signature, true)
                            : FindRow(kByValueRows, std::size(kByValueRows), signature, false);
-    if (!row && byRef && type.type == MetaTypeObject && dynamic_cast<CMetaObjectObject*>(item)) {
+    if (!row && byRef && type.type == MetaTypeObject && ItemAs<CMetaObjectObject>(item)) {
         // An object by reference under another signature still needs a pointer cell.
         static constexpr Row kObjectCell = {{L"VT_DISPATCH"}, Put::Object};
         row = &kObjectCell;
         vt = VT_DISPATCH;
     }
     if (!row && !byRef) {
-        auto* object = type.type == MetaTypeObject ? dynamic_cast<CMetaObjectObject*>(item) : nullptr;
+        auto* object = type.type == MetaTypeObject ? ItemAs<CMetaObjectObject>(item) : nullptr;
         if (object) {
             out.vt = VT_DISPATCH;
             out.pdispVal = ObjectPointerOf(*object);
             return true;
         }
-        if (auto* unknown = dynamic_cast<CMetaObjectUnknown*>(item); unknown && type.type == MetaTypeUnknown) {
+        if (auto* unknown = ItemAs<CMetaObjectUnknown>(item); unknown && type.type == MetaTypeUnknown) {
             // No cell is made by value, so a by-reference mark would send a
             // number where the object reads an address.
             out.vt = static_cast<VARTYPE>(vt & ~VT_BYREF);
@@ -384,7 +384,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     LONG number = 0;
     switch (row->put) {
     case Put::Byte: {
-        auto* character = dynamic_cast<CMetaObjectChar*>(item);
+        auto* character = ItemAs<CMetaObjectChar>(item);
         if (!character)
             return false;
         const auto low = static_cast<BYTE>(character->value);
@@ -414,7 +414,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     case Put::Float:
     case Put::Double: {
-        auto* real = dynamic_cast<CMetaObjectReal*>(item);
+        auto* real = ItemAs<CMetaObjectReal>(item);
         if (!real)
             return false;
         if (row->put == Put::Float) {
@@ -431,7 +431,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     }
     case Put::Bool: {
-        auto* flag = dynamic_cast<CMetaObjectBool*>(item);
+        auto* flag = ItemAs<CMetaObjectBool>(item);
         if (!flag)
             return false;
         const VARIANT_BOOL value = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
@@ -442,7 +442,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     }
     case Put::Bstr: {
-        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        auto* text = ItemAs<CMetaObjectString>(item);
         if (!text)
             return false;
         if (byRef) {
@@ -460,7 +460,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
     }
     case Put::Currency:
     case Put::Date: {
-        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        auto* text = ItemAs<CMetaObjectString>(item);
         if (!text)
             return false;
         // By value the system's locale reads the text, by reference the user's.
@@ -484,7 +484,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     }
     case Put::Object: {
-        auto* object = dynamic_cast<CMetaObjectObject*>(item);
+        auto* object = ItemAs<CMetaObjectObject>(item);
         if (!object)
             return false;
         IDispatch* pointer = ObjectPointerOf(*object);
@@ -505,7 +505,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         break;
     }
     case Put::Record: {
-        auto* record = dynamic_cast<CMetaObjectStruct*>(item);
+        auto* record = ItemAs<CMetaObjectStruct>(item);
         if (!record)
             return false;
         out.vt = vt;

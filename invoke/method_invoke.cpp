@@ -68,9 +68,9 @@ bool PassesValidation(CMetaObjectItem* item)
     if (type.type != MetaTypeEnum)
         return true;
     std::int32_t value = 0;
-    if (auto* enumeration = dynamic_cast<CMetaObjectEnum*>(item))
+    if (auto* enumeration = ItemAs<CMetaObjectEnum>(item))
         value = enumeration->value;
-    else if (auto* number = dynamic_cast<CMetaObjectInt*>(item))
+    else if (auto* number = ItemAs<CMetaObjectInt>(item))
         value = number->value;
     else
         return false;

@@ -62,15 +62,15 @@ IDispatch* DispatchOf(IUnknown* object)
 
 bool SetInt32(CMetaObjectItem* item, std::int32_t value)
 {
-    if (auto* number = dynamic_cast<CMetaObjectInt*>(item)) {
+    if (auto* number = ItemAs<CMetaObjectInt>(item)) {
         number->value = value;
         return true;
     }
-    if (auto* enumeration = dynamic_cast<CMetaObjectEnum*>(item)) {
+    if (auto* enumeration = ItemAs<CMetaObjectEnum>(item)) {
         enumeration->value = value;
         return true;
     }
-    if (auto* unknown = dynamic_cast<CMetaObjectUnknown*>(item)) {
+    if (auto* unknown = ItemAs<CMetaObjectUnknown>(item)) {
         unknown->value = static_cast<std::uint32_t>(value);
         return true;
     }
@@ -165,15 +165,15 @@ void SetScalar(const VARIANT& value, CMetaObjectItem* item)
         SetInt32(item, value.lVal);
         break;
     case VT_R8:
-        if (auto* real = dynamic_cast<CMetaObjectReal*>(item))
+        if (auto* real = ItemAs<CMetaObjectReal>(item))
             real->value = value.dblVal;
         break;
     case VT_BOOL:
-        if (auto* flag = dynamic_cast<CMetaObjectBool*>(item))
+        if (auto* flag = ItemAs<CMetaObjectBool>(item))
             flag->value = value.boolVal == VARIANT_TRUE ? 1 : 0;
         break;
     case VT_UI1:
-        if (auto* character = dynamic_cast<CMetaObjectChar*>(item))
+        if (auto* character = ItemAs<CMetaObjectChar>(item))
             character->value = value.bVal;
         break;
     default:
@@ -240,11 +240,11 @@ void ElementIntoItem(VARIANT* element, CMetaObjectItem* item)
         return;
     switch (element->vt) {
     case VT_I1:
-        if (auto* character = dynamic_cast<CMetaObjectChar*>(item))
+        if (auto* character = ItemAs<CMetaObjectChar>(item))
             character->value = static_cast<wchar_t>(static_cast<std::int16_t>(static_cast<signed char>(element->cVal)));
         break;
     case VT_UI1:
-        if (auto* character = dynamic_cast<CMetaObjectChar*>(item))
+        if (auto* character = ItemAs<CMetaObjectChar>(item))
             character->value = element->bVal;
         break;
     case VT_I2:
@@ -258,27 +258,27 @@ void ElementIntoItem(VARIANT* element, CMetaObjectItem* item)
         break;
     case VT_R4:
     case VT_R8:
-        if (auto* real = dynamic_cast<CMetaObjectReal*>(item))
+        if (auto* real = ItemAs<CMetaObjectReal>(item))
             real->value = element->vt == VT_R4 ? element->fltVal : element->dblVal;
         break;
     case VT_BOOL:
-        if (auto* flag = dynamic_cast<CMetaObjectBool*>(item))
+        if (auto* flag = ItemAs<CMetaObjectBool>(item))
             flag->value = element->boolVal == VARIANT_TRUE ? 1 : 0;
         break;
     case VT_BSTR:
-        if (auto* text = dynamic_cast<CMetaObjectString*>(item))
+        if (auto* text = ItemAs<CMetaObjectString>(item))
             AssignBstr(text->value, element->bstrVal);
         break;
     case VT_CY:
     case VT_DATE:
         if (SUCCEEDED(VariantChangeType(element, element, 0, VT_BSTR))) {
-            if (auto* text = dynamic_cast<CMetaObjectString*>(item))
+            if (auto* text = ItemAs<CMetaObjectString>(item))
                 AssignBstr(text->value, element->bstrVal);
         }
         break;
     case VT_DISPATCH:
     case VT_UNKNOWN:
-        if (auto* object = dynamic_cast<CMetaObjectObject*>(item)) {
+        if (auto* object = ItemAs<CMetaObjectObject>(item)) {
             if (element->punkVal == nullptr)
                 WrapObject(nullptr, *object, nullptr);
             else if (element->vt == VT_DISPATCH) {
@@ -390,7 +390,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
     if (!item)
         return false;
     if ((value.vt & VT_ARRAY) && item->GetTypeDesc().bounds) {
-        if (auto* array = dynamic_cast<CMetaObjectArray*>(item))
+        if (auto* array = ItemAs<CMetaObjectArray>(item))
             return ArrayVariantIntoItem(value, array);
     }
     // Read only until the row is found, before the item changes: no copy needed.
@@ -421,7 +421,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
     switch (row->take) {
     case Take::SignedByte:
     case Take::UnsignedByte: {
-        auto* character = dynamic_cast<CMetaObjectChar*>(item);
+        auto* character = ItemAs<CMetaObjectChar>(item);
         if (!character || !fits(1))
             return false;
         const auto byte = read(std::uint8_t{});
@@ -437,7 +437,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
     case Take::Long:
         return fits(4) && SetInt32(item, read(std::int32_t{}));
     case Take::OwnBits:
-        if (auto* object = dynamic_cast<CMetaObjectObject*>(item); object && base == VT_UNKNOWN) {
+        if (auto* object = ItemAs<CMetaObjectObject>(item); object && base == VT_UNKNOWN) {
             // An object item keeps a handler, not a number: the object is
             // wrapped as a dispatch row would, with a reference of its own.
             IUnknown* given = (value.vt & VT_BYREF) ? (value.ppunkVal ? *value.ppunkVal : nullptr) : value.punkVal;
@@ -447,7 +447,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         return SetInt32(item, static_cast<std::int32_t>(Low32(value)));
     case Take::Float:
     case Take::Double: {
-        auto* real = dynamic_cast<CMetaObjectReal*>(item);
+        auto* real = ItemAs<CMetaObjectReal>(item);
         if (!real)
             return false;
         if (row->take == Take::Float) {
@@ -462,14 +462,14 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         return true;
     }
     case Take::Bool: {
-        auto* flag = dynamic_cast<CMetaObjectBool*>(item);
+        auto* flag = ItemAs<CMetaObjectBool>(item);
         if (!flag || !fits(2))
             return false;
         flag->value = read(std::uint16_t{}) == 0xFFFF ? 1 : 0;
         return true;
     }
     case Take::Bstr: {
-        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        auto* text = ItemAs<CMetaObjectString>(item);
         if (!text || (byRef && base != VT_BSTR))
             return false;
         AssignBstr(text->value, read(BSTR{}));
@@ -477,7 +477,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
     }
     case Take::Currency:
     case Take::Date: {
-        auto* text = dynamic_cast<CMetaObjectString*>(item);
+        auto* text = ItemAs<CMetaObjectString>(item);
         if (!text || !fits(8))
             return false;
         BSTR made = nullptr;
@@ -488,7 +488,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         return true;
     }
     case Take::Object: {
-        auto* object = dynamic_cast<CMetaObjectObject*>(item);
+        auto* object = ItemAs<CMetaObjectObject>(item);
         if (!object)
             return false;
         // By value the VARIANT still holds the pointer that went out, which
@@ -526,7 +526,7 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
         return true;
     }
     case Take::Record: {
-        auto* record = dynamic_cast<CMetaObjectStruct*>(item);
+        auto* record = ItemAs<CMetaObjectStruct>(item);
         if (!record || base != VT_RECORD)
             return false;
         return RecordVariantToStruct(value, record);
@@ -544,18 +544,18 @@ bool CCOMMethodInvoke::VariantIntoItem(VARIANT value, CMetaObjectItem* item)
 
 void CCOMMethodInvoke::VariantToText(const VARIANT& value, CMetaObjectItem* item)
 {
-    auto* text = dynamic_cast<CMetaObjectString*>(item);
+    auto* text = ItemAs<CMetaObjectString>(item);
     if (!text) {
         // A non-text item took a VARIANT argument as its own type; it reads
         // back by the same type.
         VARTYPE wanted = VT_EMPTY;
-        if (dynamic_cast<CMetaObjectInt*>(item) || dynamic_cast<CMetaObjectEnum*>(item))
+        if (ItemAs<CMetaObjectInt>(item) || ItemAs<CMetaObjectEnum>(item))
             wanted = VT_I4;
-        else if (dynamic_cast<CMetaObjectReal*>(item))
+        else if (ItemAs<CMetaObjectReal>(item))
             wanted = VT_R8;
-        else if (dynamic_cast<CMetaObjectBool*>(item))
+        else if (ItemAs<CMetaObjectBool>(item))
             wanted = VT_BOOL;
-        else if (dynamic_cast<CMetaObjectChar*>(item))
+        else if (ItemAs<CMetaObjectChar>(item))
             wanted = VT_UI1;
         CVariant converted;
         if (wanted == VT_EMPTY ||

@@ -5,6 +5,8 @@
 // SetValue.
 
 #include <cstdint>
+#include <cstring>
+#include <typeinfo>
 
 #include "contract/model_fwd.h"
 #include "metaobj/type_desc.h"
@@ -81,6 +83,22 @@ public:
 
 // First position of wanted in text without regard to case, or null; null for
 // either argument null.
+// The item as the given class, or null. An item of exactly that class, by the
+// name the run-time gives classes, is taken without a dynamic_cast: in this
+// run-time a cast of an item made by another binary (the host's) compares
+// class names as text several times over, and a call casts each argument.
+template <typename Item>
+Item* ItemAs(CMetaObjectItem* item)
+{
+    if (item == nullptr)
+        return nullptr;
+    const char* const have = typeid(*item).name();
+    const char* const want = typeid(Item).name();
+    if (have == want || std::strcmp(have, want) == 0)
+        return static_cast<Item*>(item);
+    return dynamic_cast<Item*>(item);
+}
+
 const char* FindNoCase(const char* text, const char* wanted);
 // Earliest character of text that is in set, or null.
 const char* FindFirstOf(const char* text, const char* set);
