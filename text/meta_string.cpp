@@ -150,6 +150,9 @@ CMetaString& CMetaString::operator=(CMetaString&& other) noexcept
 
 void CMetaString::ReleaseBuffers()
 {
+    // Most strings of an item are empty: nothing to give back.
+    if (wide == nullptr && narrow == nullptr)
+        return;
     if (wide != nullptr && !KeepBuffer(wide))
         delete[] wide;
     delete[] narrow;
