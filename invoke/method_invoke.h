@@ -85,6 +85,9 @@ void ReadArrayBounds(SAFEARRAY* array, std::uint32_t dimensionCount, CTypeDesc& 
 // A new item of the class that fits the type, with the type assigned; null
 // for a type that has no item.
 CMetaObjectItem* MakeItemForType(const CTypeDesc& type);
+// The same for a type that is its code alone (not by reference, no array), as
+// a collection's element's is, without a descriptor made to say so.
+CMetaObjectItem* MakeItemForPlainType(std::uint32_t type);
 // Writes one collection element into an item made for its type. A date or
 // currency element is left converted to VT_BSTR, for the caller to clear.
 void ElementIntoItem(VARIANT* element, CMetaObjectItem* item);

@@ -205,6 +205,29 @@ void WrapObject(IDispatch* object, CMetaObjectObject& item, const CObjectIdentit
     handler->Release();
 }
 
+namespace {
+
+// The item of a type code, with the type the item's class gives; null for a code without one.
+CMetaObjectItem* NewItemOfType(std::uint32_t type)
+{
+    switch (type) {
+    case MetaTypeVoid: return new CMetaObjectVoid();
+    case MetaTypeInt: return new CMetaObjectInt(0);
+    case MetaTypeReal: return new CMetaObjectReal(0.0);
+    case MetaTypeString: return new CMetaObjectString();
+    case MetaTypeChar: return new CMetaObjectChar(L'\0');
+    case MetaTypeBool: return new CMetaObjectBool(0);
+    case MetaTypeDate: return new CMetaObjectDate();
+    case MetaTypeCurrency: return new CMetaObjectCurrency();
+    case MetaTypeStruct: return new CMetaObjectStruct();
+    case MetaTypeEnum: return new CMetaObjectEnum(0);
+    case MetaTypeObject: return new CMetaObjectObject();
+    default: return nullptr;
+    }
+}
+
+}  // namespace
+
 CMetaObjectItem* MakeItemForType(const CTypeDesc& type)
 {
     std::unique_ptr<CMetaObjectItem> item;
@@ -215,23 +238,25 @@ CMetaObjectItem* MakeItemForType(const CTypeDesc& type)
         array->SetValue(type.signature);
         item = std::move(array);
     } else {
-        switch (type.type) {
-        case MetaTypeVoid: item = std::make_unique<CMetaObjectVoid>(); break;
-        case MetaTypeInt: item = std::make_unique<CMetaObjectInt>(0); break;
-        case MetaTypeReal: item = std::make_unique<CMetaObjectReal>(0.0); break;
-        case MetaTypeString: item = std::make_unique<CMetaObjectString>(); break;
-        case MetaTypeChar: item = std::make_unique<CMetaObjectChar>(L'\0'); break;
-        case MetaTypeBool: item = std::make_unique<CMetaObjectBool>(0); break;
-        case MetaTypeDate: item = std::make_unique<CMetaObjectDate>(); break;
-        case MetaTypeCurrency: item = std::make_unique<CMetaObjectCurrency>(); break;
-        case MetaTypeStruct: item = std::make_unique<CMetaObjectStruct>(); break;
-        case MetaTypeEnum: item = std::make_unique<CMetaObjectEnum>(0); break;
-        case MetaTypeObject: item = std::make_unique<CMetaObjectObject>(); break;
-        default: return nullptr;
-        }
+        item.reset(NewItemOfType(type.type));
+        if (!item)
+            return nullptr;
     }
-    item->GetTypeDesc().Assign(type);
+    // A plain type (a code, nothing else) is the item's own already.
+    const bool plain = type.type == item->GetTypeDesc().type && type.isByRef == 0 && !type.enumValues &&
+                       !type.bounds && !type.structBody && type.typeName.IsEmpty() && type.signature.IsEmpty() &&
+                       type.memberName.IsEmpty();
+    if (!plain)
+        item->GetTypeDesc().Assign(type);
     return item.release();
+}
+
+CMetaObjectItem* MakeItemForPlainType(std::uint32_t type)
+{
+    // These types carry a list, which the type descriptor makes as the item needs it.
+    if (type == MetaTypeEnum || type == MetaTypeStruct)
+        return MakeItemForType(CTypeDesc(type, 0, 0));
+    return NewItemOfType(type);
 }
 
 void ElementIntoItem(VARIANT* element, CMetaObjectItem* item)

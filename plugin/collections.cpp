@@ -175,8 +175,7 @@ MetaStatus CMetaObjectCOMHandler::NextElements(IEnumVARIANT** enumerator, std::u
     std::uint32_t appended = 0;
     for (ULONG at = 0; at < filled; ++at) {
         VARIANT& element = elements[at];
-        const CTypeDesc type(MetaTypeFromVarType(element.vt, nullptr), 0, 0);
-        CMetaObjectItem* item = MakeItemForType(type);
+        CMetaObjectItem* item = MakeItemForPlainType(MetaTypeFromVarType(element.vt, nullptr));
         if (item == nullptr)
             continue;  // a type without an item: dropped
         ElementIntoItem(&element, item);
