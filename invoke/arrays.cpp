@@ -555,7 +555,7 @@ CMetaObjectItem* CCOMMethodInvoke::ArrayVariantToItem(const VARIANT& value, int 
     // the shape with no elements.
     item->InitElements(type);
     const VARTYPE elementType = value.vt & VT_TYPEMASK;
-    if (product != 0)
+    if (product != 0 && !(value.vt & VT_BYREF))  // an array by reference stays its owner's as it is
         AdoptMarshaledObjects(*array, elementType, product);
     if (product == 0 || !LayoutFits(*array, elementType))
         return item.release();
