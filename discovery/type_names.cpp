@@ -285,12 +285,13 @@ VARTYPE VarTypeFromSignature(const wchar_t* signature)
         return VT_VOID;
     // The text as far as a signature may go, then the part before a bar.
     std::size_t length = 0;
-    while (length < kSignatureChars - 1 && signature[length] != 0)
-        ++length;
     VARTYPE flag = 0;
-    if (const wchar_t* bar = std::wmemchr(signature, L'|', length)) {
-        length = static_cast<std::size_t>(bar - signature);
-        flag = VT_BYREF;
+    while (length < kSignatureChars - 1 && signature[length] != 0) {
+        if (signature[length] == L'|') {
+            flag = VT_BYREF;
+            break;
+        }
+        ++length;
     }
     // Compared here rather than by the run-time's functions, whose calls cost
     // more than the comparison of such short words.
