@@ -11,8 +11,8 @@ namespace {
 
 // One lock-free list per 16 bytes of size up to 512, each keeping at most 512
 // blocks: a batch of a walk or a long argument list fits, and what stays kept
-// is bounded (at most 512 * 16 * 512 bytes in the worst case, and only of
-// sizes in use). Larger objects go straight to the heap. The lists are shared
+// is bounded (about 4 MB if all 32 sizes were full, and only sizes in use
+// fill). Larger objects go straight to the heap. The lists are shared
 // by all threads, so a block freed on another thread is still reused, and a
 // thread's end leaves nothing behind.
 constexpr std::size_t kStep = 16;
