@@ -27,6 +27,11 @@ struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SizeList {
 // Made before any other object of the binary, so that no item can come first.
 SizeList g_lists[kLargest / kStep] __attribute__((init_priority(101)));
 
+// Gone after every other object of the binary, so that what their ends gave back is freed too.
+struct KeptAtEnd {
+    ~KeptAtEnd() { DrainBlocks(); }
+} g_keptAtEnd __attribute__((init_priority(101)));
+
 SizeList* ListFor(std::size_t size)
 {
     return size == 0 || size > kLargest ? nullptr : &g_lists[(size - 1) / kStep];

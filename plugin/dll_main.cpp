@@ -1,9 +1,8 @@
 // The module's entry point runs the thread slot of the per-thread error texts,
-// and takes away the fault handler of contained platform calls and the kept blocks when it leaves.
+// and takes away the fault handler of contained platform calls when it leaves.
 
 #include <windows.h>
 
-#include "platform/block_cache.h"
 #include "platform/contained_call.h"
 #include "platform/error_text.h"
 
@@ -19,7 +18,6 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID)
     case DLL_PROCESS_DETACH:
         MetaObj::ContainedCallsProcessDetach();
         MetaObj::ErrorTextProcessDetach();
-        MetaObj::DrainBlocks();
         break;
     default:
         break;
