@@ -48,19 +48,6 @@ struct ClearingDelete {
 };
 using ElementPtr = std::unique_ptr<CMetaObjectItem, ClearingDelete>;
 
-bool Int32Of(const CMetaObjectItem& item, LONG& out)
-{
-    if (auto* number = dynamic_cast<const CMetaObjectInt*>(&item)) {
-        out = number->value;
-        return true;
-    }
-    if (auto* enumeration = dynamic_cast<const CMetaObjectEnum*>(&item)) {
-        out = enumeration->value;
-        return true;
-    }
-    return false;
-}
-
 const wchar_t* TextOf(const CMetaString& text)
 {
     return text.IsEmpty() ? L"" : text.GetWide();
@@ -194,46 +181,6 @@ namespace {
 
 bool MakeArray(CMetaObjectArray& item, VARTYPE elementType, SafeArray& made, int depth);
 
-// What an element of a VT_VARIANT array carries: a text as text, as the host
-// means it; a nested array as a nested SAFEARRAY; other values as their own
-// type, so that what such an array brought in can go out again.
-bool ElementVariant(CMetaObjectItem& element, VARIANT& out, int depth)
-{
-    LONG number = 0;
-    if (auto* text = dynamic_cast<CMetaObjectString*>(&element)) {
-        out.bstrVal = AllocBstr(TextOf(text->value), false);
-        out.vt = VT_BSTR;
-    } else if (auto* nested = dynamic_cast<CMetaObjectArray*>(&element)) {
-        const VARTYPE nestedType = ElementTypeOf(*nested);
-        SafeArray array;
-        if (depth >= kMaxNesting || !MakeArray(*nested, nestedType, array, depth + 1))
-            return false;
-        out.parray = array.Release();
-        out.vt = static_cast<VARTYPE>(VT_ARRAY | nestedType);
-    } else if (Int32Of(element, number)) {
-        out.lVal = number;
-        out.vt = VT_I4;
-    } else if (auto* real = dynamic_cast<CMetaObjectReal*>(&element)) {
-        out.dblVal = real->value;
-        out.vt = VT_R8;
-    } else if (auto* flag = dynamic_cast<CMetaObjectBool*>(&element)) {
-        out.boolVal = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
-        out.vt = VT_BOOL;
-    } else if (auto* character = dynamic_cast<CMetaObjectChar*>(&element)) {
-        out.bVal = static_cast<BYTE>(character->value);
-        out.vt = VT_UI1;
-    } else if (auto* object = dynamic_cast<CMetaObjectObject*>(&element)) {
-        // The VARIANT is cleared after the put, so it holds a reference of its own.
-        out.pdispVal = object->handler ? object->handler->GetDispatchPointer() : nullptr;
-        if (out.pdispVal)
-            out.pdispVal->AddRef();
-        out.vt = VT_DISPATCH;
-    } else {
-        return false;
-    }
-    return true;
-}
-
 // The elements of one array are nearly always of one class, and in this
 // run-time a cast of an item made by another binary (the host's) compares
 // class names as text: once a cast has shown an element's class, an element of
@@ -270,6 +217,46 @@ private:
     const std::type_info* confirmed = nullptr;
     const std::type_info* target = nullptr;
 };
+
+// What an element of a VT_VARIANT array carries: a text as text, as the host
+// means it; a nested array as a nested SAFEARRAY; other values as their own
+// type, so that what such an array brought in can go out again.
+bool ElementVariant(CMetaObjectItem& element, VARIANT& out, int depth, ElementCasts& casts)
+{
+    LONG number = 0;
+    if (auto* text = dynamic_cast<CMetaObjectString*>(&element)) {
+        out.bstrVal = AllocBstr(TextOf(text->value), false);
+        out.vt = VT_BSTR;
+    } else if (auto* nested = dynamic_cast<CMetaObjectArray*>(&element)) {
+        const VARTYPE nestedType = ElementTypeOf(*nested);
+        SafeArray array;
+        if (depth >= kMaxNesting || !MakeArray(*nested, nestedType, array, depth + 1))
+            return false;
+        out.parray = array.Release();
+        out.vt = static_cast<VARTYPE>(VT_ARRAY | nestedType);
+    } else if (casts.Int32Of(element, number)) {
+        out.lVal = number;
+        out.vt = VT_I4;
+    } else if (auto* real = dynamic_cast<CMetaObjectReal*>(&element)) {
+        out.dblVal = real->value;
+        out.vt = VT_R8;
+    } else if (auto* flag = dynamic_cast<CMetaObjectBool*>(&element)) {
+        out.boolVal = flag->value == 1 ? VARIANT_TRUE : VARIANT_FALSE;
+        out.vt = VT_BOOL;
+    } else if (auto* character = dynamic_cast<CMetaObjectChar*>(&element)) {
+        out.bVal = static_cast<BYTE>(character->value);
+        out.vt = VT_UI1;
+    } else if (auto* object = dynamic_cast<CMetaObjectObject*>(&element)) {
+        // The VARIANT is cleared after the put, so it holds a reference of its own.
+        out.pdispVal = object->handler ? object->handler->GetDispatchPointer() : nullptr;
+        if (out.pdispVal)
+            out.pdispVal->AddRef();
+        out.vt = VT_DISPATCH;
+    } else {
+        return false;
+    }
+    return true;
+}
 
 // Writes one element; an item of the wrong class for the element type leaves
 // the place at its default, as does a currency or date text that doesn't parse.
@@ -321,7 +308,7 @@ void PutElement(SAFEARRAY* array, VARTYPE elementType, CMetaObjectItem& element,
         break;
     case VT_VARIANT: {
         CVariant value;
-        if (ElementVariant(element, value.Get(), depth))
+        if (ElementVariant(element, value.Get(), depth, casts))
             SafeArrayPutElement(array, index, &value.Get());
         break;
     }
