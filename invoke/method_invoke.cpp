@@ -12,6 +12,7 @@
 #include "invoke/variant_owner.h"
 #include "metaobj/records.h"
 #include "metaobj/scalar_items.h"
+#include "platform/block_cache.h"
 #include "platform/module_state.h"
 #include "platform/platform_handles.h"
 #include "resources/string_ids.h"
@@ -42,6 +43,66 @@ const CMetaString& IllegalEnumText()
 {
     static const CMetaString text(LoadModuleString(IDS_ILLEGAL_ENUM_VALUE, kValidationChars).c_str());
     return text;
+}
+
+// Nodes of argument lists, kept for the next call's list. A host builds a call
+// for each statement it runs, and each argument's node cost a heap trip each
+// way. Nodes change lists by splicing, so any of them, whoever made it, stays
+// a node of the run-time's heap that any list's owner may free.
+class KeptNodes {
+public:
+    KeptNodes() { AddDrain(&Drain); }
+
+    // Appends the entries of list to into, on kept nodes as far as there are some.
+    void Append(CItemList& into, const CItemList& list)
+    {
+        auto source = list.begin();
+        CItemList taken;
+        AcquireSRWLockExclusive(&lock);
+        auto end = nodes.begin();
+        for (std::size_t count = 0; count < list.size() && end != nodes.end(); ++count)
+            ++end;
+        taken.splice(taken.end(), nodes, nodes.begin(), end);
+        ReleaseSRWLockExclusive(&lock);
+        for (CMetaObjectItem*& entry : taken)
+            entry = *source++;
+        into.splice(into.end(), taken);
+        into.insert(into.end(), source, list.end());
+    }
+
+    // Takes the nodes of list, which is left empty, unless that would keep too many.
+    void Keep(CItemList& list) noexcept
+    {
+        if (list.empty())
+            return;
+        AcquireSRWLockExclusive(&lock);
+        if (nodes.size() + list.size() <= kMostKept)
+            nodes.splice(nodes.end(), list);
+        ReleaseSRWLockExclusive(&lock);
+    }
+
+private:
+    static constexpr std::size_t kMostKept = 512;
+    static void Drain() noexcept;
+
+    SRWLOCK lock = SRWLOCK_INIT;
+    CItemList nodes;
+};
+
+// The one KeptNodes, made early and never ended: the binary's last drain frees
+// its nodes, after every call object that could still give some back.
+union KeptNodesStore {
+    KeptNodesStore() : kept() {}
+    ~KeptNodesStore() {}
+    KeptNodes kept;
+} g_keptNodes __attribute__((init_priority(101)));
+
+void KeptNodes::Drain() noexcept
+{
+    CItemList freed;
+    AcquireSRWLockExclusive(&g_keptNodes.kept.lock);
+    freed.splice(freed.end(), g_keptNodes.kept.nodes);
+    ReleaseSRWLockExclusive(&g_keptNodes.kept.lock);
 }
 
 struct KindFlags {
@@ -203,11 +264,14 @@ CCOMMethodInvoke::CCOMMethodInvoke(IDispatch* dispatch, DISPID dispid, MethodKin
 {
 }
 
-CCOMMethodInvoke::~CCOMMethodInvoke() = default;
+CCOMMethodInvoke::~CCOMMethodInvoke()
+{
+    g_keptNodes.kept.Keep(params);
+}
 
 MetaStatus CCOMMethodInvoke::SetParams(const CItemList& list)
 {
-    params.insert(params.end(), list.begin(), list.end());
+    g_keptNodes.kept.Append(params, list);
     return MetaStatusOk;
 }
 

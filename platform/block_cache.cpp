@@ -27,6 +27,9 @@ struct alignas(MEMORY_ALLOCATION_ALIGNMENT) SizeList {
 // Made before any other object of the binary, so that no item can come first.
 SizeList g_lists[kLargest / kStep] __attribute__((init_priority(101)));
 
+// Filled while the binary's objects are made, before any thread of the host calls in.
+void (*g_drains[4])() noexcept = {};
+
 // Gone after every other object of the binary, so that what their ends gave back is freed too.
 struct KeptAtEnd {
     ~KeptAtEnd() { DrainBlocks(); }
@@ -73,8 +76,22 @@ void GiveBlock(void* block, std::size_t size) noexcept
     InterlockedPushEntrySList(&list->head, static_cast<PSLIST_ENTRY>(block));
 }
 
+void AddDrain(void (*drain)() noexcept) noexcept
+{
+    for (auto& slot : g_drains) {
+        if (!slot) {
+            slot = drain;
+            return;
+        }
+    }
+}
+
 void DrainBlocks() noexcept
 {
+    for (auto drain : g_drains) {
+        if (drain)
+            drain();
+    }
     DrainTextBuffers();
     for (SizeList& list : g_lists) {
         PSLIST_ENTRY entry = InterlockedFlushSList(&list.head);

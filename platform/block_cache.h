@@ -12,6 +12,10 @@ namespace MetaObj {
 void* TakeBlock(std::size_t size);
 // Gives back a block that TakeBlock gave for the same size.
 void GiveBlock(void* block, std::size_t size) noexcept;
-// Frees every kept block, and the text buffers kept: at unload, and before a count of live blocks.
+// Frees every kept block, the text buffers kept and what the drains added below
+// keep: at unload, and before a count of live blocks.
 void DrainBlocks() noexcept;
+// An upper layer's own store of kept objects, drained with the blocks. Added
+// while the binary's objects are made; at most four.
+void AddDrain(void (*drain)() noexcept) noexcept;
 }  // namespace MetaObj
