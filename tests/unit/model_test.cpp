@@ -665,6 +665,26 @@ TEST(PlatformTest, FreedBlocksAreKeptForTheirSizeUpToABound)
     EXPECT_EQ(LiveHeapBlocks(), before);
 }
 
+// A freed call's list nodes serve the next call's list, so a list must come out
+// in order whether its nodes were kept, new or both, and a second list appends.
+TEST(HandlerTest, ArgumentsKeepTheirOrderOnNodesOfFreedCalls)
+{
+    CMetaObjectInt values[5] = {CMetaObjectInt(0), CMetaObjectInt(1), CMetaObjectInt(2), CMetaObjectInt(3),
+                                CMetaObjectInt(4)};
+    ExpectNoBlocksLeft([&] {
+        auto* earlier = new CCOMMethodInvoke(nullptr, -1, MethodKindInvoke);
+        earlier->SetParams({&values[4], &values[3]});
+        delete earlier;
+        auto* call = new CCOMMethodInvoke(nullptr, -1, MethodKindInvoke);
+        call->SetParams({&values[0], &values[1], &values[2]});
+        call->SetParams({});
+        call->SetParams({&values[3], &values[4]});
+        const std::vector<CMetaObjectItem*> expected = {&values[0], &values[1], &values[2], &values[3], &values[4]};
+        EXPECT_EQ(std::vector<CMetaObjectItem*>(call->params.begin(), call->params.end()), expected);
+        delete call;
+    });
+}
+
 // COM fixes a name's id for an object's life: asked once per name and object, again when nothing was found.
 TEST(HandlerTest, ANameIsAskedOncePerObject)
 {
