@@ -4,6 +4,8 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -106,6 +108,73 @@ const Row* FindRow(const Row* rows, std::size_t count, const wchar_t* signature,
         }
     }
     return nullptr;
+}
+
+// What a signature text decides for a translation.
+struct SignatureReading {
+    VARTYPE vt;
+    const Row* byValue;
+    const Row* byReference;
+    bool dispatchWord;  // exactly "VT_DISPATCH", after the by-reference word became it
+    bool variantWord;   // exactly "VT_VARIANT"
+};
+
+SignatureReading ReadSignature(const wchar_t* signature)
+{
+    VARTYPE vt = VarTypeFromSignature(signature);
+    // The run-time's _wcsicmp looks up the locale for every character: only a
+    // text of the same length can match.
+    if (std::wcslen(signature) == std::size(kByRefWord) - 1 && _wcsicmp(signature, kByRefWord) == 0) {
+        // The type follows the word in any case of letters, not only as written.
+        signature = L"VT_DISPATCH";
+        vt = VT_DISPATCH;
+    }
+    return {vt,
+            FindRow(kByValueRows, std::size(kByValueRows), signature, false),
+            FindRow(kByReferenceRows, std::size(kByReferenceRows), signature, true),
+            SameText(signature, L"VT_DISPATCH"),
+            SameText(signature, L"VT_VARIANT")};
+}
+
+// Readings of the texts seen, kept for the process: every argument of every
+// call is read by its signature, and calls repeat a handful of them. A slot is
+// written once, by the thread that claims it, and is then only read; a text
+// that finds its slot taken by another, or is too long, is read afresh.
+constexpr std::size_t kReadingSlots = 64;
+constexpr std::size_t kReadingChars = 24;
+
+struct ReadingSlot {
+    std::atomic<int> state{0};  // 0 free, 1 being written, 2 ready
+    std::size_t length = 0;
+    wchar_t text[kReadingChars] = {};
+    SignatureReading reading{};
+};
+
+ReadingSlot g_readings[kReadingSlots];
+
+SignatureReading ReadingOf(const wchar_t* signature)
+{
+    std::size_t length = 0;
+    std::uint32_t hash = 0;
+    while (length < kReadingChars && signature[length] != 0)
+        hash = hash * 31 + signature[length++];
+    if (length == kReadingChars)
+        return ReadSignature(signature);
+    ReadingSlot& slot = g_readings[(hash + length) % kReadingSlots];
+    int state = slot.state.load(std::memory_order_acquire);
+    if (state == 2) {
+        if (slot.length == length && std::wmemcmp(slot.text, signature, length) == 0)
+            return slot.reading;
+        return ReadSignature(signature);
+    }
+    const SignatureReading reading = ReadSignature(signature);
+    if (state == 0 && slot.state.compare_exchange_strong(state, 1, std::memory_order_acquire)) {
+        slot.length = length;
+        std::wmemcpy(slot.text, signature, length);
+        slot.reading = reading;
+        slot.state.store(2, std::memory_order_release);
+    }
+    return reading;
 }
 
 // The 32-bit value of the items that carry one as a number.
@@ -324,33 +393,20 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
         return true;
     }
 
-    VARTYPE vt = VarTypeFromSignature(type.signature.GetWide());
-    const wchar_t* signature = TextOf(type.signature);
-    if (type.type == MetaTypeEnum) {
-        vt = VT_I4;
-        signature = L"VT_I4";
-    }
-    // The run-time's _wcsicmp looks up the locale for every character, which
-    // costs more than the rest of a simple argument: only a text of the same
-    // length can match.
-    if (std::wcslen(signature) == std::size(kByRefWord) - 1 && _wcsicmp(signature, kByRefWord) == 0) {
-        // The type follows the word in any case of letters, not only as written.
-        signature = L"VT_DISPATCH";
-        vt = static_cast<VARTYPE>(VT_DISPATCH | (vt & VT_BYREF));
-    }
+    // An enumeration goes as its number, whatever its signature says.
+    SignatureReading reading = ReadingOf(type.type == MetaTypeEnum ? L"VT_I4" : TextOf(type.signature));
     // A record out of a type library is signed like an object; a struct item
     // has no handler to read, so it goes by the record road. Here and below an
     // item's class is asked only where the answer counts: in this run-time a
     // cast that fails compares type names as text.
-    if (type.type == MetaTypeStruct && SameText(signature, L"VT_DISPATCH") &&
-        ItemAs<CMetaObjectStruct>(item)) {
-        signature = L"VT_RECORD";
-        vt = VT_RECORD;
+    if (type.type == MetaTypeStruct && reading.dispatchWord && ItemAs<CMetaObjectStruct>(item)) {
+        reading = ReadingOf(L"VT_RECORD");
+        reading.vt = VT_RECORD;
     }
+    VARTYPE vt = reading.vt;
     const bool byRef = type.isByRef == 1;
 
-    const Row* row = byRef ? FindRow(kByReferenceRows, std::size(kByReferenceRows), signature, true)
-                           : FindRow(kByValueRows, std::size(kByValueRows), signature, false);
+    const Row* row = byRef ? reading.byReference : reading.byValue;
     if (!row && byRef && type.type == MetaTypeObject && ItemAs<CMetaObjectObject>(item)) {
         // An object by reference under another signature still needs a pointer cell.
         static constexpr Row kObjectCell = {{L"VT_DISPATCH"}, Put::Object};
@@ -372,7 +428,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
             return true;
         }
     }
-    if (!row && !byRef && SameText(signature, L"VT_VARIANT"))
+    if (!row && !byRef && reading.variantWord)
         return NaturalValue(item, out, false);
     if (!row)
         return false;
