@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -48,7 +49,8 @@ const CMetaString& IllegalEnumText()
 // Nodes of argument lists, kept for the next call's list. A host builds a call
 // for each statement it runs, and each argument's node cost a heap trip each
 // way. Nodes change lists by splicing, so any of them, whoever made it, stays
-// a node of the run-time's heap that any list's owner may free.
+// a node of the run-time's heap that any list's owner may free. A thread that
+// finds the store busy doesn't wait: it goes to the heap as before.
 class KeptNodes {
 public:
     KeptNodes() { AddDrain(&Drain); }
@@ -58,12 +60,13 @@ public:
     {
         auto source = list.begin();
         CItemList taken;
-        AcquireSRWLockExclusive(&lock);
-        auto end = nodes.begin();
-        for (std::size_t count = 0; count < list.size() && end != nodes.end(); ++count)
-            ++end;
-        taken.splice(taken.end(), nodes, nodes.begin(), end);
-        ReleaseSRWLockExclusive(&lock);
+        if (!list.empty() && TryEnter()) {
+            auto end = nodes.begin();
+            for (std::size_t count = 0; count < list.size() && end != nodes.end(); ++count)
+                ++end;
+            taken.splice(taken.end(), nodes, nodes.begin(), end);
+            Leave();
+        }
         for (CMetaObjectItem*& entry : taken)
             entry = *source++;
         into.splice(into.end(), taken);
@@ -73,19 +76,21 @@ public:
     // Takes the nodes of list, which is left empty, unless that would keep too many.
     void Keep(CItemList& list) noexcept
     {
-        if (list.empty())
+        if (list.empty() || !TryEnter())
             return;
-        AcquireSRWLockExclusive(&lock);
         if (nodes.size() + list.size() <= kMostKept)
             nodes.splice(nodes.end(), list);
-        ReleaseSRWLockExclusive(&lock);
+        Leave();
     }
 
 private:
     static constexpr std::size_t kMostKept = 512;
     static void Drain() noexcept;
 
-    SRWLOCK lock = SRWLOCK_INIT;
+    bool TryEnter() noexcept { return !busy.exchange(true, std::memory_order_acquire); }
+    void Leave() noexcept { busy.store(false, std::memory_order_release); }
+
+    std::atomic<bool> busy{false};
     CItemList nodes;
 };
 
@@ -99,10 +104,13 @@ union KeptNodesStore {
 
 void KeptNodes::Drain() noexcept
 {
+    // Called where no call is being made or freed: at the end, or before a count.
+    KeptNodes& kept = g_keptNodes.kept;
+    while (!kept.TryEnter())
+        YieldProcessor();
     CItemList freed;
-    AcquireSRWLockExclusive(&g_keptNodes.kept.lock);
-    freed.splice(freed.end(), g_keptNodes.kept.nodes);
-    ReleaseSRWLockExclusive(&g_keptNodes.kept.lock);
+    freed.splice(freed.end(), kept.nodes);
+    kept.Leave();
 }
 
 struct KindFlags {
