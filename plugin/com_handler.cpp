@@ -331,10 +331,11 @@ MetaStatus CMetaObjectCOMHandler::GetTypeSignature(const CMetaString& typeWord, 
 
 MetaStatus CMetaObjectCOMHandler::CreateMethodInvoke(CCOMMethodInvoke** invoke, const CMetaString& methodKey)
 {
-    ClearErrorText(this);
-    if (invoke == nullptr)
+    if (invoke == nullptr) {
+        ClearErrorText(this);
         return MetaStatusNoMemory;
-    FreeMethodInvoke(invoke);
+    }
+    FreeMethodInvoke(invoke);  // which clears the error text
     try {
         if (object == nullptr) {
             *invoke = new CCOMMethodInvoke(object, methodKey);  // a call that fails at Execute
