@@ -81,8 +81,19 @@ public:
     CMetaString valueFormat;  // wide printf format of GetValue, where the class has one
 };
 
-// First position of wanted in text without regard to case, or null; null for
-// either argument null.
+// Equal class names. Compared here: the run-time's strcmp is a call into
+// another DLL, dearer than comparing a few dozen letters.
+inline bool SameClassName(const char* have, const char* want)
+{
+    if (have == want)
+        return true;
+    while (*have != 0 && *have == *want) {
+        ++have;
+        ++want;
+    }
+    return *have == *want;
+}
+
 // The item as the given class, or null. An item of exactly that class, by the
 // name the run-time gives classes, is taken without a dynamic_cast: in this
 // run-time a cast of an item made by another binary (the host's) compares
@@ -92,13 +103,13 @@ Item* ItemAs(CMetaObjectItem* item)
 {
     if (item == nullptr)
         return nullptr;
-    const char* const have = typeid(*item).name();
-    const char* const want = typeid(Item).name();
-    if (have == want || std::strcmp(have, want) == 0)
+    if (SameClassName(typeid(*item).name(), typeid(Item).name()))
         return static_cast<Item*>(item);
     return dynamic_cast<Item*>(item);
 }
 
+// First position of wanted in text without regard to case, or null; null for
+// either argument null.
 const char* FindNoCase(const char* text, const char* wanted);
 // Earliest character of text that is in set, or null.
 const char* FindFirstOf(const char* text, const char* set);
