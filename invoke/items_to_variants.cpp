@@ -366,7 +366,7 @@ void ReleaseArgument(VARIANT& argument)
     } else if (vt == VT_DISPATCH || vt == VT_UNKNOWN) {
         // Borrowed from the item's handler, which keeps its reference.
     } else {
-        VariantClear(&argument);
+        ClearVariant(argument);
     }
     argument.vt = VT_EMPTY;
 }
@@ -377,7 +377,7 @@ bool CCOMMethodInvoke::ItemToVariant(CMetaObjectItem* item, VARIANT& out)
 {
     if (item == nullptr)
         return false;
-    VariantInit(&out);
+    out.vt = VT_EMPTY;  // as VariantInit leaves it
     if (item->GetOptional() && item->GetOmitted()) {
         out.vt = VT_ERROR;
         out.scode = DISP_E_PARAMNOTFOUND;

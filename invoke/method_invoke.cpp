@@ -158,20 +158,18 @@ bool PassesValidation(CMetaObjectItem* item)
 struct CallFrame {
     explicit CallFrame(std::size_t count) : count(count)
     {
+        // Zeroed VARIANTs are empty ones: VT_EMPTY is 0.
         std::memset(&result, 0, sizeof result);
-        VariantInit(&result);
         if (count == 0)
             return;
         arguments = count <= kInFrame ? inFrame : new VARIANT[count];
         std::memset(arguments, 0, sizeof(VARIANT) * count);
-        for (std::size_t at = 0; at < count; ++at)
-            VariantInit(&arguments[at]);
     }
     ~CallFrame()
     {
         for (std::size_t at = 0; at < count; ++at)
             ReleaseArgument(arguments[at]);
-        VariantClear(&result);
+        ClearVariant(result);
         if (arguments != inFrame)
             delete[] arguments;
     }

@@ -10,16 +10,43 @@
 
 namespace MetaObj {
 
-// Zeroed and initialised, so that a reader of its first 32 bits sees no garbage
-// beyond a narrower value; cleared by VariantClear.
+// VariantClear, without its call into the platform for a value that holds
+// nothing to free: every argument and result of every call is cleared.
+inline void ClearVariant(VARIANT& value)
+{
+    switch (value.vt) {
+    case VT_EMPTY:
+    case VT_NULL:
+    case VT_I1:
+    case VT_I2:
+    case VT_I4:
+    case VT_I8:
+    case VT_UI1:
+    case VT_UI2:
+    case VT_UI4:
+    case VT_UI8:
+    case VT_INT:
+    case VT_UINT:
+    case VT_R4:
+    case VT_R8:
+    case VT_CY:
+    case VT_DATE:
+    case VT_BOOL:
+    case VT_ERROR:
+        value.vt = VT_EMPTY;
+        break;
+    default:
+        VariantClear(&value);
+        break;
+    }
+}
+
+// Zeroed, which makes it empty (VT_EMPTY is 0), so that a reader of its first
+// 32 bits sees no garbage beyond a narrower value; cleared when it goes.
 class CVariant {
 public:
-    CVariant()
-    {
-        std::memset(&value, 0, sizeof value);
-        VariantInit(&value);
-    }
-    ~CVariant() { VariantClear(&value); }
+    CVariant() { std::memset(&value, 0, sizeof value); }
+    ~CVariant() { ClearVariant(value); }
     CVariant(const CVariant&) = delete;
     CVariant& operator=(const CVariant&) = delete;
 
