@@ -26,7 +26,8 @@ DISPID ResolveMemberName(IDispatch* dispatch, const wchar_t* name)
 
 bool CMemberIds::Find(IDispatch* object, const wchar_t* name, DISPID& id) const
 {
-    AcquireSRWLockShared(&lock);
+    if (!TryEnter())
+        return false;
     bool found = false;
     if (object == owner) {
         const auto at = ids.find(std::wstring_view(name));
@@ -35,30 +36,35 @@ bool CMemberIds::Find(IDispatch* object, const wchar_t* name, DISPID& id) const
             found = true;
         }
     }
-    ReleaseSRWLockShared(&lock);
+    Leave();
     return found;
 }
 
 void CMemberIds::Remember(IDispatch* object, const wchar_t* name, DISPID id)
 {
-    if (id == -1)
+    if (id == -1 || !TryEnter())
         return;
-    AcquireSRWLockExclusive(&lock);
-    if (object != owner) {
-        ids.clear();
-        owner = object;
+    try {
+        if (object != owner) {
+            ids.clear();
+            owner = object;
+        }
+        if (ids.size() < kMostNames)
+            ids.emplace(name, id);
+    } catch (...) {
+        // Not remembered: the next call asks the object again.
     }
-    if (ids.size() < kMostNames)
-        ids.emplace(name, id);
-    ReleaseSRWLockExclusive(&lock);
+    Leave();
 }
 
 void CMemberIds::Forget()
 {
-    AcquireSRWLockExclusive(&lock);
+    // This one must happen: the ids belong to an object that is going.
+    while (!TryEnter())
+        SwitchToThread();
     ids.clear();
     owner = nullptr;
-    ReleaseSRWLockExclusive(&lock);
+    Leave();
 }
 
 }  // namespace MetaObj

@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <oaidl.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -16,7 +17,9 @@ namespace MetaObj {
 // script engines that answer names only there; -1 when neither knows it.
 DISPID ResolveMemberName(IDispatch* dispatch, const wchar_t* name);
 
-// Ids of one object, shared by the threads that call through one handler.
+// Ids of one object, shared by the threads that call through one handler. A
+// thread that finds the ids busy with another asks the object itself, which is
+// always right, rather than wait: a look-up costs less than a lock that waits.
 class CMemberIds {
 public:
     CMemberIds() = default;
@@ -34,7 +37,10 @@ private:
     // A script can't grow this without bound with names of its own making.
     static constexpr std::size_t kMostNames = 256;
 
-    mutable SRWLOCK lock = SRWLOCK_INIT;
+    bool TryEnter() const noexcept { return !busy.exchange(true, std::memory_order_acquire); }
+    void Leave() const noexcept { busy.store(false, std::memory_order_release); }
+
+    mutable std::atomic<bool> busy{false};
     IDispatch* owner = nullptr;  // not a reference: the handler holds the object
     std::map<std::wstring, DISPID, std::less<>> ids;
 };
