@@ -447,7 +447,8 @@ const wchar_t* MethodKeyName(const CMetaString& key, MethodKind& kind)
         return nullptr;
     const std::size_t prefixLength = static_cast<std::size_t>(colon - text);
     for (const KindPrefix& row : kKindPrefixes) {
-        if (prefixLength == std::wcslen(row.word) && SameWordNoCase(text, row.word, prefixLength))
+        if (prefixLength == std::char_traits<wchar_t>::length(row.word) &&
+            SameWordNoCase(text, row.word, prefixLength))
             kind = row.kind;
     }
     return colon + 1;
