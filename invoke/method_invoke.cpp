@@ -55,7 +55,8 @@ class KeptNodes {
 public:
     KeptNodes() { AddDrain(&Drain); }
 
-    // Appends the entries of list to into, on kept nodes as far as there are some.
+    // Appends the entries of list to into, on kept nodes as far as there are
+    // some. Throws std::bad_alloc, and then into is as it was.
     void Append(CItemList& into, const CItemList& list)
     {
         auto source = list.begin();
@@ -69,8 +70,8 @@ public:
         }
         for (CMetaObjectItem*& entry : taken)
             entry = *source++;
+        taken.insert(taken.end(), source, list.end());
         into.splice(into.end(), taken);
-        into.insert(into.end(), source, list.end());
     }
 
     // Takes the nodes of list, which is left empty, unless that would keep too many.
@@ -277,7 +278,11 @@ CCOMMethodInvoke::~CCOMMethodInvoke()
 
 MetaStatus CCOMMethodInvoke::SetParams(const CItemList& list)
 {
-    g_keptNodes.kept.Append(params, list);
+    try {
+        g_keptNodes.kept.Append(params, list);
+    } catch (...) {
+        return MetaStatusInvokeFailed;  // no room for the list: nothing was added
+    }
     return MetaStatusOk;
 }
 
