@@ -111,8 +111,9 @@ constexpr KindPrefix kKindPrefixes[] = {
 
 // The run-time's case-blind comparison fetches its locale for every call,
 // which costs more than a whole call object of a key. The words are lower-case
-// ASCII, and no other character folds to an ASCII letter other than 'i' or 'k',
-// which they don't hold, so folding ASCII alone gives the same answer.
+// ASCII; the only other characters that fold to ASCII letters fold to 'i' and
+// 'k' (U+0130, U+212A), which the words don't hold, so folding ASCII alone
+// gives the same answer.
 bool SameWordNoCase(const wchar_t* text, const wchar_t* word, std::size_t count)
 {
     for (std::size_t at = 0; at < count; ++at) {

@@ -5,7 +5,6 @@
 // SetValue.
 
 #include <cstdint>
-#include <cstring>
 #include <typeinfo>
 
 #include "contract/model_fwd.h"
