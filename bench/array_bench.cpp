@@ -196,10 +196,11 @@ int main()
                 "  send     the item out as a parameter of Echo, no result asked for\n"
                 "  trip     the item out and the copy back as a new array item, freed\n"
                 "  raw      SafeArrayPutElement then SafeArrayGetElement over the same shape\n"
-                "  items    making and freeing as many element items alone, the floor of any result\n\n",
+                "  items    making and freeing as many element items alone, the floor of any result\n"
+                "  trip/items  what a round trip costs beyond the items it must make\n\n",
                 kRuns);
-    std::printf("%-26s %9s %9s %9s %9s %10s %10s  %s\n", "array", "send", "trip", "raw", "items", "send/raw",
-                "trip/raw", "aims send, trip");
+    std::printf("%-26s %9s %9s %9s %9s %10s %10s %11s  %s\n", "array", "send", "trip", "raw", "items", "send/raw",
+                "trip/raw", "trip/items", "aims send, trip");
     for (const Shape& shape : shapes) {
         std::unique_ptr<CMetaObjectArray> item = MakeItem(shape);
         std::vector<std::wstring> texts;
@@ -222,8 +223,8 @@ int main()
             std::snprintf(aims, sizeof aims, "at most %.1fx: %s, %.0fx: %s", kSendAim,
                           send / raw <= kSendAim ? "met" : "missed", kTripAim,
                           trip / raw <= kTripAim ? "met" : "missed");
-        std::printf("%-26s %9.1f %9.1f %9.1f %9.1f %10.2f %10.2f  %s\n", shape.label, send, trip, raw, items,
-                    send / raw, trip / raw, aims);
+        std::printf("%-26s %9.1f %9.1f %9.1f %9.1f %10.2f %10.2f %11.2f  %s\n", shape.label, send, trip, raw, items,
+                    send / raw, trip / raw, trip / items, aims);
     }
     return 0;
 }
