@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "identity/com_identity.h"
+#include "text/meta_string.h"
 
 using MetaObj::CMetaString;
 using MetaObj::CoTaskMemText;
@@ -42,16 +43,6 @@ std::string NarrowOf(const wchar_t* text)
     const CMetaString wide(text);
     const char* narrow = wide.GetNarrow();
     return narrow ? narrow : "";
-}
-
-std::unique_ptr<wchar_t[]> WideOf(const std::string& text)
-{
-    wchar_t* wide = nullptr;
-    if (!MetaObj::AnsiToWide(text.c_str(), &wide)) {
-        delete[] wide;
-        return nullptr;
-    }
-    return std::unique_ptr<wchar_t[]>(wide);
 }
 
 RegKey OpenKey(HKEY parent, const char* path, REGSAM access = KEY_QUERY_VALUE)
@@ -115,7 +106,7 @@ bool ClassIdFromText(const char* text, CLSID* out)
     else
         isClassId = name.size() == 36;
     const std::string full = isClassId && name.front() != '{' ? "{" + name + "}" : name;
-    const auto wide = WideOf(full);
+    const auto wide = MetaObj::AnsiToWide(full.c_str());
     if (!wide)
         return false;
     return SUCCEEDED(isClassId ? CLSIDFromString(wide.get(), out) : CLSIDFromProgID(wide.get(), out));
@@ -139,7 +130,7 @@ bool CCOMIdentity::GetClassIdText(std::string& out, bool withBraces) const
         out = withBraces ? "{" + name + "}" : name;
         return true;
     }
-    const auto wide = WideOf(name);
+    const auto wide = MetaObj::AnsiToWide(name.c_str());
     CLSID classId;
     if (!wide || FAILED(CLSIDFromProgID(wide.get(), &classId)))
         return false;
@@ -156,7 +147,7 @@ bool CCOMIdentity::GetClassId(CLSID& out) const
     std::string text;
     if (!GetClassIdText(text, true))
         return false;
-    const auto wide = WideOf(text);
+    const auto wide = MetaObj::AnsiToWide(text.c_str());
     return wide && SUCCEEDED(CLSIDFromString(wide.get(), &out));
 }
 

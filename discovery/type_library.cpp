@@ -91,16 +91,6 @@ std::string VersionText(std::uint32_t version)
     return text;
 }
 
-std::unique_ptr<wchar_t[]> WideOf(const std::string& text)
-{
-    wchar_t* wide = nullptr;
-    if (!MetaObj::AnsiToWide(text.c_str(), &wide)) {
-        delete[] wide;
-        return nullptr;
-    }
-    return std::unique_ptr<wchar_t[]>(wide);
-}
-
 std::string StripBraces(const std::string& text)
 {
     return !text.empty() && text.front() == '{' && text.size() >= 2 ? text.substr(1, text.size() - 2) : text;
@@ -109,7 +99,7 @@ std::string StripBraces(const std::string& text)
 ComPtr<ITypeLib> LoadTypeLibFile(const std::string& path)
 {
     ComPtr<ITypeLib> library;
-    const auto wide = WideOf(path);
+    const auto wide = MetaObj::AnsiToWide(path.c_str());
     if (!wide || FAILED(LoadTypeLib(wide.get(), library.Put())))
         library.Reset();
     return library;
@@ -163,7 +153,7 @@ bool CCOMIdentity::GetTypeLibGuid(GUID& out, const IID* iid) const
     } else if (!GetTypeLibId(text, true, true)) {
         return false;
     }
-    const auto wide = WideOf(text);
+    const auto wide = MetaObj::AnsiToWide(text.c_str());
     return wide && SUCCEEDED(CLSIDFromString(wide.get(), &out));
 }
 

@@ -275,6 +275,14 @@ bool WideToAnsi(const wchar_t* text, char** out)
     return length == 0 || converted != 0;
 }
 
+std::unique_ptr<wchar_t[]> AnsiToWide(const char* text)
+{
+    wchar_t* wide = nullptr;
+    const bool converted = AnsiToWide(text, &wide);
+    std::unique_ptr<wchar_t[]> owned(wide);
+    return converted ? std::move(owned) : nullptr;
+}
+
 bool AnsiToWide(const char* text, wchar_t** out)
 {
     const int length = lstrlenA(text);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace MetaObj {
 
@@ -56,5 +57,7 @@ void DrainTextBuffers() noexcept;
 // also after a false result.
 bool WideToAnsi(const wchar_t* text, char** out);
 bool AnsiToWide(const char* text, wchar_t** out);
+// The same, owned by the result: null when the conversion fails.
+std::unique_ptr<wchar_t[]> AnsiToWide(const char* text);
 
 }  // namespace MetaObj
