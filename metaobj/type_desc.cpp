@@ -66,9 +66,12 @@ CTypeDesc::CTypeDesc(std::uint32_t type, std::int32_t isByRef, unsigned char isA
         bounds = new CArrayBoundList;
 }
 
+// What Clear would reset, the members' own destructors free.
 CTypeDesc::~CTypeDesc()
 {
-    Clear();
+    delete enumValues;
+    delete bounds;
+    delete structBody;
 }
 
 CTypeDesc& CTypeDesc::Assign(const CTypeDesc& other)

@@ -126,11 +126,6 @@ CMetaString::CMetaString(const char* text)
     AssignNarrow(text);
 }
 
-CMetaString::~CMetaString()
-{
-    ReleaseBuffers();
-}
-
 CMetaString& CMetaString::operator=(const CMetaString& other)
 {
     if (this != &other)

@@ -15,7 +15,12 @@ public:
     CMetaString(CMetaString&& other) noexcept;
     CMetaString(const wchar_t* text);
     CMetaString(const char* text);
-    ~CMetaString();
+    // Inline for the common case: most strings of an item hold nothing.
+    ~CMetaString()
+    {
+        if (wide != nullptr || narrow != nullptr)
+            ReleaseBuffers();
+    }
 
     CMetaString& operator=(const CMetaString& other);
     CMetaString& operator=(CMetaString&& other) noexcept;
