@@ -263,53 +263,56 @@ TEST(ItemTest, ObjectItemsHoldOneUseEachOfASharedHandler)
     handler.DetachObject();
 }
 
-// An enumeration array inside a struct inside a struct: every container at once.
+// An enumeration array inside a struct inside a struct: every container at
+// once, and every list a descriptor owns goes with it, from copies too.
 TEST(TypeDescTest, CopiesAreDeepAndRefusalsLeaveArgumentsWithTheCaller)
 {
-    auto source = std::make_unique<CTypeDesc>(MetaTypeStruct, 0, 0);
-    source->SetStructName(L"Outer");
-    auto inner = new CTypeDesc(MetaTypeStruct, 0, 0);
-    auto colours = new CTypeDesc(MetaTypeEnum, 1, 1);
-    colours->memberName = L"colours";
-    colours->enumValues->Add(L"Blue", -7);
-    colours->bounds->Add(1, 3);
-    EXPECT_TRUE(inner->AddStructMember(colours));
-    EXPECT_TRUE(source->AddStructMember(inner));
-    CTypeDesc copy(*source), assigned;
-    assigned.EnsureBounds();
-    assigned = copy;
-    EXPECT_EQ(assigned.bounds, nullptr);
-    colours->enumValues->front()->name = L"Green";  // the source changes and goes; the copies keep theirs
-    colours->bounds->Add(0, 2);
-    source.reset();
-    for (const CTypeDesc* outer : {&copy, &assigned}) {
-        EXPECT_EQ(outer->GetStructName().Compare(L"Outer", 0), 0);
-        const CTypeDesc& held = *outer->structBody->members.front()->structBody->members.front();
-        EXPECT_EQ(held.memberName.Compare(L"colours", 0) + held.enumValues->front()->name.Compare(L"Blue", 0), 0);
-        EXPECT_EQ(held.enumValues->front()->value, -7);
-        std::int32_t lower = 0, count = 0;
-        EXPECT_TRUE(held.bounds->GetBound(0, &lower, &count));
-        EXPECT_EQ(lower * 10 + count + held.GetDimensionCount() * 100, 113);
-    }
-    assigned.Assign(CTypeDesc());
-    EXPECT_EQ(assigned.structBody, nullptr);
-    EXPECT_TRUE(assigned.GetStructName().IsEmpty());
+    ExpectNoBlocksLeft([] {
+        auto source = std::make_unique<CTypeDesc>(MetaTypeStruct, 0, 0);
+        source->SetStructName(L"Outer");
+        auto inner = new CTypeDesc(MetaTypeStruct, 0, 0);
+        auto colours = new CTypeDesc(MetaTypeEnum, 1, 1);
+        colours->memberName = L"colours";
+        colours->enumValues->Add(L"Blue", -7);
+        colours->bounds->Add(1, 3);
+        EXPECT_TRUE(inner->AddStructMember(colours));
+        EXPECT_TRUE(source->AddStructMember(inner));
+        CTypeDesc copy(*source), assigned;
+        assigned.EnsureBounds();
+        assigned = copy;
+        EXPECT_EQ(assigned.bounds, nullptr);
+        colours->enumValues->front()->name = L"Green";  // the source changes and goes; the copies keep theirs
+        colours->bounds->Add(0, 2);
+        source.reset();
+        for (const CTypeDesc* outer : {&copy, &assigned}) {
+            EXPECT_EQ(outer->GetStructName().Compare(L"Outer", 0), 0);
+            const CTypeDesc& held = *outer->structBody->members.front()->structBody->members.front();
+            EXPECT_EQ(held.memberName.Compare(L"colours", 0) + held.enumValues->front()->name.Compare(L"Blue", 0), 0);
+            EXPECT_EQ(held.enumValues->front()->value, -7);
+            std::int32_t lower = 0, count = 0;
+            EXPECT_TRUE(held.bounds->GetBound(0, &lower, &count));
+            EXPECT_EQ(lower * 10 + count + held.GetDimensionCount() * 100, 113);
+        }
+        assigned.Assign(CTypeDesc());
+        EXPECT_EQ(assigned.structBody, nullptr);
+        EXPECT_TRUE(assigned.GetStructName().IsEmpty());
 
-    CTypeDesc changed(MetaTypeEnum, 0, 0);
-    changed.enumValues->Add(L"One", 1);
-    changed.type = MetaTypeInt;  // by hand, as a sloppy caller might
-    CTypeDesc enumCopy(changed);
-    EXPECT_EQ(enumCopy.type, MetaTypeEnum);  // the enumeration code is kept
-    enumCopy = enumCopy;                     // no-op rather than self-destruction
-    EXPECT_EQ(enumCopy.enumValues->size(), 1u);
+        CTypeDesc changed(MetaTypeEnum, 0, 0);
+        changed.enumValues->Add(L"One", 1);
+        changed.type = MetaTypeInt;  // by hand, as a sloppy caller might
+        CTypeDesc enumCopy(changed);
+        EXPECT_EQ(enumCopy.type, MetaTypeEnum);  // the enumeration code is kept
+        enumCopy = enumCopy;                     // no-op rather than self-destruction
+        EXPECT_EQ(enumCopy.enumValues->size(), 1u);
 
-    CTypeDesc plain(MetaTypeInt, 0, 1);
-    auto member = std::make_unique<CTypeDesc>(MetaTypeInt, 0, 0);
-    EXPECT_FALSE(plain.AddStructMember(member.get()));
-    EXPECT_FALSE(plain.AddStructMember(nullptr));
-    std::int32_t lower = 12345, count = 12345;
-    EXPECT_FALSE(plain.bounds->GetBound(0, &lower, &count));
-    EXPECT_EQ(lower + count, 24690);
+        CTypeDesc plain(MetaTypeInt, 0, 1);
+        auto member = std::make_unique<CTypeDesc>(MetaTypeInt, 0, 0);
+        EXPECT_FALSE(plain.AddStructMember(member.get()));
+        EXPECT_FALSE(plain.AddStructMember(nullptr));
+        std::int32_t lower = 12345, count = 12345;
+        EXPECT_FALSE(plain.bounds->GetBound(0, &lower, &count));
+        EXPECT_EQ(lower + count, 24690);
+    });
 }
 
 // Items to VARIANTs and SAFEARRAYs and back, without a server: these translations need no object.
