@@ -4,7 +4,6 @@
 #include <windows.h>
 #include <oleauto.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
 #include "invoke/method_invoke.h"
+#include "invoke/text_memo.h"
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
@@ -136,45 +136,11 @@ SignatureReading ReadSignature(const wchar_t* signature)
             SameText(signature, L"VT_VARIANT")};
 }
 
-// Readings of the texts seen, kept for the process: every argument of every
-// call is read by its signature, and calls repeat a handful of them. A slot is
-// written once, by the thread that claims it, and is then only read; a text
-// that finds its slot taken by another, or is too long, is read afresh.
-constexpr std::size_t kReadingSlots = 64;
-constexpr std::size_t kReadingChars = 24;
-
-struct ReadingSlot {
-    std::atomic<int> state{0};  // 0 free, 1 being written, 2 ready
-    std::size_t length = 0;
-    wchar_t text[kReadingChars] = {};
-    SignatureReading reading{};
-};
-
-ReadingSlot g_readings[kReadingSlots];
+CTextMemo<SignatureReading, &ReadSignature> g_readings;
 
 SignatureReading ReadingOf(const wchar_t* signature)
 {
-    std::size_t length = 0;
-    std::uint32_t hash = 0;
-    while (length < kReadingChars && signature[length] != 0)
-        hash = hash * 31 + signature[length++];
-    if (length == kReadingChars)
-        return ReadSignature(signature);
-    ReadingSlot& slot = g_readings[(hash + length) % kReadingSlots];
-    int state = slot.state.load(std::memory_order_acquire);
-    if (state == 2) {
-        if (slot.length == length && std::wmemcmp(slot.text, signature, length) == 0)
-            return slot.reading;
-        return ReadSignature(signature);
-    }
-    const SignatureReading reading = ReadSignature(signature);
-    if (state == 0 && slot.state.compare_exchange_strong(state, 1, std::memory_order_acquire)) {
-        slot.length = length;
-        std::wmemcpy(slot.text, signature, length);
-        slot.reading = reading;
-        slot.state.store(2, std::memory_order_release);
-    }
-    return reading;
+    return g_readings.Of(signature);
 }
 
 // The 32-bit value of the items that carry one as a number.

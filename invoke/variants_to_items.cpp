@@ -13,6 +13,7 @@
 #include "discovery/type_names.h"
 #include "identity/com_identity.h"
 #include "invoke/method_invoke.h"
+#include "invoke/text_memo.h"
 #include "invoke/variant_owner.h"
 #include "metaobj/compound_items.h"
 #include "metaobj/scalar_items.h"
@@ -128,12 +129,8 @@ constexpr WriteRow kWriteRows[] = {
 };
 constexpr WriteRow kRecordRow = {{L"VT_RECORD"}, Take::Record, kAnyType, false};
 
-bool RowFits(const WriteRow& row, const wchar_t* signature, const CTypeDesc& type, bool byRef)
+bool NamesFit(const WriteRow& row, const wchar_t* signature)
 {
-    if (row.byRefOnly && !byRef)
-        return false;
-    if (row.metaType != kAnyType && type.type != row.metaType)
-        return false;
     if (row.names[0] == nullptr)
         return true;
     for (const wchar_t* name : row.names) {
@@ -143,18 +140,48 @@ bool RowFits(const WriteRow& row, const wchar_t* signature, const CTypeDesc& typ
     return false;
 }
 
+// Bit n: the names of row n fit the signature; the record row's bit comes last.
+constexpr std::size_t kRecordBit = std::size(kWriteRows);
+static_assert(kRecordBit < 32, "a bit for each row");
+
+std::uint32_t FittingNames(const wchar_t* signature)
+{
+    std::uint32_t bits = 0;
+    for (std::size_t at = 0; at < std::size(kWriteRows); ++at) {
+        if (NamesFit(kWriteRows[at], signature))
+            bits |= 1u << at;
+    }
+    if (NamesFit(kRecordRow, signature))
+        bits |= 1u << kRecordBit;
+    return bits;
+}
+
+CTextMemo<std::uint32_t, &FittingNames> g_fittingNames;
+
+bool RowFits(const WriteRow& row, bool namesFit, const CTypeDesc& type, bool byRef)
+{
+    if (row.byRefOnly && !byRef)
+        return false;
+    if (row.metaType != kAnyType && type.type != row.metaType)
+        return false;
+    return namesFit;
+}
+
 const WriteRow* FindWriteRow(const wchar_t* signature, const CTypeDesc& type, bool byRef)
 {
+    const std::uint32_t names = g_fittingNames.Of(signature);
+    auto fits = [&](std::size_t at) { return RowFits(kWriteRows[at], (names >> at) & 1u, type, byRef); };
+    const bool recordFits = RowFits(kRecordRow, (names >> kRecordBit) & 1u, type, byRef);
     // The record row stands after the dispatch row by value, after the last row by reference.
     constexpr std::size_t kRecordAfter = 11;
     static_assert(kWriteRows[kRecordAfter].take == Take::Object, "the dispatch row");
     for (std::size_t at = 0; at < std::size(kWriteRows); ++at) {
-        if (RowFits(kWriteRows[at], signature, type, byRef))
+        if (fits(at))
             return &kWriteRows[at];
-        if (!byRef && at == kRecordAfter && RowFits(kRecordRow, signature, type, byRef))
+        if (!byRef && at == kRecordAfter && recordFits)
             return &kRecordRow;
     }
-    return RowFits(kRecordRow, signature, type, byRef) ? &kRecordRow : nullptr;
+    return recordFits ? &kRecordRow : nullptr;
 }
 
 // Sets a number, flag or character item from a VARIANT of its own type.
