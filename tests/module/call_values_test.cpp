@@ -155,6 +155,13 @@ TEST_F(CallValuesTest, ValuesComeBackIntoTheirItems)
             for (CMetaObjectItem* member : dynamic_cast<CMetaObjectStruct&>(*made.result).members)
                 members += std::wstring(member->GetTypeDesc().memberName.GetWide()) + L"=" + ValueText(member) + L" ";
             EXPECT_EQ(members, L"x=5 y=-6 ");
+            // A record in and out comes back into the host's own struct.
+            const Param point = ByRef(Point(30, 12), kInOut);
+            ASSERT_EQ(Call(handler, L"Invoke:MovePoint", {point.get()}).status, MetaStatusOk);
+            members.clear();
+            for (CMetaObjectItem* member : dynamic_cast<CMetaObjectStruct&>(*point).members)
+                members += ValueText(member) + L" ";
+            EXPECT_EQ(members, L"31 13 ");
         });
     }
 }

@@ -38,7 +38,7 @@ constexpr GUID kPointType = {0x5B7E2C40, 0x8D31, 0x4F6A, {0xB0, 0xC9, 0x3E, 0x1D
 constexpr std::int32_t kDeferredScode = static_cast<std::int32_t>(0x80040200);
 
 // Members that Invoke answers itself; the numbers are those of call_fixture.idl.
-enum : DISPID { kLastCallId = 5, kFailDeferredId = 20, kThrowId = 23, kSumPointId = 40, kMakePointId, kShapeId = 43 };
+enum : DISPID { kLastCallId = 5, kFailDeferredId = 20, kThrowId = 23, kSumPointId = 40, kMakePointId, kMovePointId, kShapeId = 43 };
 
 template <typename Value>
 HRESULT Set(Value* cell, Value value)
@@ -197,8 +197,24 @@ public:
         case kThrowId:
             // A C++ exception through the caller's frames, as a careless server raises one.
             throw std::runtime_error("CallFixture.Throw");
-        case kSumPointId:  // Wine's dispatch takes no record arguments or results at all
-            return SumPointByHand(params, out);
+        case kSumPointId: {  // Wine's dispatch takes no record arguments or results at all
+            FixturePoint* point = nullptr;
+            const HRESULT hr = PointOf(params, &point);
+            if (SUCCEEDED(hr)) {
+                V_VT(out) = VT_I4;
+                V_I4(out) = point->x + point->y;
+            }
+            return hr;
+        }
+        case kMovePointId: {  // one step along each axis, in the caller's own record
+            FixturePoint* point = nullptr;
+            const HRESULT hr = PointOf(params, &point);
+            if (FAILED(hr) || !(V_VT(&params->rgvarg[0]) & VT_BYREF))
+                return FAILED(hr) ? hr : DISP_E_TYPEMISMATCH;
+            ++point->x;
+            ++point->y;
+            return S_OK;
+        }
         case kMakePointId: {
             const HRESULT hr = Numbers(params, 2, numbers);
             return FAILED(hr) ? hr : PointVariant(numbers[0], numbers[1], out);
@@ -277,6 +293,7 @@ public:
     HRESULT STDMETHODCALLTYPE Throw() override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE SumPoint(FixturePoint, LONG*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE MakePoint(LONG, LONG, FixturePoint*) override { return E_UNEXPECTED; }
+    HRESULT STDMETHODCALLTYPE MovePoint(FixturePoint*) override { return E_UNEXPECTED; }
     HRESULT STDMETHODCALLTYPE Shape(LONG, VARIANT*) override { return E_UNEXPECTED; }
 
 // Echo gives the value back, Ref changes it visibly, Out writes a known value;
@@ -341,7 +358,7 @@ private:
     }
 
     // The record's data is a FixturePoint once its type is ours.
-    static HRESULT SumPointByHand(const DISPPARAMS* params, VARIANT* result)
+    static HRESULT PointOf(const DISPPARAMS* params, FixturePoint** point)
     {
         if (params == nullptr || params->cArgs != 1 || params->cNamedArgs != 0)
             return DISP_E_BADPARAMCOUNT;
@@ -351,9 +368,7 @@ private:
             V_RECORD(&argument) == nullptr || FAILED(V_RECORDINFO(&argument)->GetGuid(&type)) ||
             !IsEqualGUID(type, kPointType))
             return DISP_E_TYPEMISMATCH;
-        const auto* point = static_cast<const FixturePoint*>(V_RECORD(&argument));
-        V_VT(result) = VT_I4;
-        V_I4(result) = point->x + point->y;
+        *point = static_cast<FixturePoint*>(V_RECORD(&argument));
         return S_OK;
     }
 
