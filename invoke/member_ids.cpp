@@ -26,7 +26,7 @@ DISPID ResolveMemberName(IDispatch* dispatch, const wchar_t* name)
 
 bool CMemberIds::Find(IDispatch* object, const wchar_t* name, DISPID& id) const
 {
-    if (!TryEnter())
+    if (!flag.TryEnter())
         return false;
     bool found = false;
     if (object == owner) {
@@ -36,13 +36,13 @@ bool CMemberIds::Find(IDispatch* object, const wchar_t* name, DISPID& id) const
             found = true;
         }
     }
-    Leave();
+    flag.Leave();
     return found;
 }
 
 void CMemberIds::Remember(IDispatch* object, const wchar_t* name, DISPID id)
 {
-    if (id == -1 || !TryEnter())
+    if (id == -1 || !flag.TryEnter())
         return;
     try {
         if (object != owner) {
@@ -54,17 +54,16 @@ void CMemberIds::Remember(IDispatch* object, const wchar_t* name, DISPID id)
     } catch (...) {
         // Not remembered: the next call asks the object again.
     }
-    Leave();
+    flag.Leave();
 }
 
 void CMemberIds::Forget()
 {
     // This one must happen: the ids belong to an object that is going.
-    while (!TryEnter())
-        SwitchToThread();
+    flag.Enter();
     ids.clear();
     owner = nullptr;
-    Leave();
+    flag.Leave();
 }
 
 }  // namespace MetaObj

@@ -6,10 +6,11 @@
 #include <windows.h>
 #include <oaidl.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
+
+#include "platform/try_flag.h"
 
 namespace MetaObj {
 
@@ -37,10 +38,7 @@ private:
     // A script can't grow this without bound with names of its own making.
     static constexpr std::size_t kMostNames = 256;
 
-    bool TryEnter() const noexcept { return !busy.exchange(true, std::memory_order_acquire); }
-    void Leave() const noexcept { busy.store(false, std::memory_order_release); }
-
-    mutable std::atomic<bool> busy{false};
+    mutable CTryFlag flag;
     IDispatch* owner = nullptr;  // not a reference: the handler holds the object
     std::map<std::wstring, DISPID, std::less<>> ids;
 };

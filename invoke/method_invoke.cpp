@@ -3,7 +3,6 @@
 #include <windows.h>
 #include <oleauto.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "platform/block_cache.h"
 #include "platform/module_state.h"
 #include "platform/platform_handles.h"
+#include "platform/try_flag.h"
 #include "resources/string_ids.h"
 
 using namespace MetaObj;
@@ -61,12 +61,12 @@ public:
     {
         auto source = list.begin();
         CItemList taken;
-        if (!list.empty() && TryEnter()) {
+        if (!list.empty() && flag.TryEnter()) {
             auto end = nodes.begin();
             for (std::size_t count = 0; count < list.size() && end != nodes.end(); ++count)
                 ++end;
             taken.splice(taken.end(), nodes, nodes.begin(), end);
-            Leave();
+            flag.Leave();
         }
         for (CMetaObjectItem*& entry : taken)
             entry = *source++;
@@ -77,21 +77,18 @@ public:
     // Takes the nodes of list, which is left empty, unless that would keep too many.
     void Keep(CItemList& list) noexcept
     {
-        if (list.empty() || !TryEnter())
+        if (list.empty() || !flag.TryEnter())
             return;
         if (nodes.size() + list.size() <= kMostKept)
             nodes.splice(nodes.end(), list);
-        Leave();
+        flag.Leave();
     }
 
 private:
     static constexpr std::size_t kMostKept = 512;
     static void Drain() noexcept;
 
-    bool TryEnter() noexcept { return !busy.exchange(true, std::memory_order_acquire); }
-    void Leave() noexcept { busy.store(false, std::memory_order_release); }
-
-    std::atomic<bool> busy{false};
+    CTryFlag flag;
     CItemList nodes;
 };
 
@@ -107,11 +104,10 @@ void KeptNodes::Drain() noexcept
 {
     // Called where no call is being made or freed: at the end, or before a count.
     KeptNodes& kept = g_keptNodes.kept;
-    while (!kept.TryEnter())
-        YieldProcessor();
+    kept.flag.Enter();
     CItemList freed;
     freed.splice(freed.end(), kept.nodes);
-    kept.Leave();
+    kept.flag.Leave();
 }
 
 struct KindFlags {
